@@ -1,0 +1,82 @@
+// The library's one leveled logger (error, warning, info, debug, verbose) over spdlog. Every line
+// carries the source file, function and line of its call, taken from std::source_location.
+// Synchronous logging is written before the call returns; asynchronous logging is handed to one
+// background thread and written later, in order. CaptureLog lets tests assert exact lines.
+#pragma once
+
+#include <source_location>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace wdc::log {
+
+enum class Level { kError, kWarning, kInfo, kDebug, kVerbose };
+enum class Delivery { kSync, kAsync };
+
+// Writes one message. Messages more verbose than the current level are dropped.
+void write(Level level, std::string_view message, Delivery delivery,
+           const std::source_location& where);
+
+inline void error(std::string_view message, Delivery delivery = Delivery::kSync,
+                  const std::source_location& where = std::source_location::current()) {
+  write(Level::kError, message, delivery, where);
+}
+inline void warning(std::string_view message, Delivery delivery = Delivery::kSync,
+                    const std::source_location& where = std::source_location::current()) {
+  write(Level::kWarning, message, delivery, where);
+}
+inline void info(std::string_view message, Delivery delivery = Delivery::kSync,
+                 const std::source_location& where = std::source_location::current()) {
+  write(Level::kInfo, message, delivery, where);
+}
+inline void debug(std::string_view message, Delivery delivery = Delivery::kSync,
+                  const std::source_location& where = std::source_location::current()) {
+  write(Level::kDebug, message, delivery, where);
+}
+inline void verbose(std::string_view message, Delivery delivery = Delivery::kSync,
+                    const std::source_location& where = std::source_location::current()) {
+  write(Level::kVerbose, message, delivery, where);
+}
+
+// The most verbose level written. Default: info. Thread-safe.
+void setLevel(Level level);
+[[nodiscard]] Level level();
+// Turns the standard-error sink on or off (tools and benchmarks silence it). Default: on.
+void setConsoleOutput(bool enabled);
+// Blocks until every message logged asynchronously before this call has been written.
+void flushAsync();
+
+[[nodiscard]] std::string_view levelName(Level level);
+
+// Records every message written while it lives (all levels: it raises the level to verbose and
+// restores it afterwards). Use one at a time.
+class CaptureLog {
+ public:
+  struct Entry {
+    Level level;
+    std::string message;
+    std::string file;  // base name of the source file
+    std::string function;
+    int line;
+    bool operator==(const Entry&) const = default;
+  };
+
+  CaptureLog();
+  ~CaptureLog();
+  CaptureLog(const CaptureLog&) = delete;
+  CaptureLog& operator=(const CaptureLog&) = delete;
+
+  // Every entry so far, after waiting for pending asynchronous messages.
+  [[nodiscard]] std::vector<Entry> entries() const;
+  // The messages of one level, in order.
+  [[nodiscard]] std::vector<std::string> messages(Level level) const;
+  // True when some entry has exactly this level and text.
+  [[nodiscard]] bool contains(Level level, std::string_view message) const;
+  void clear();
+
+ private:
+  Level previousLevel_;
+};
+
+}  // namespace wdc::log

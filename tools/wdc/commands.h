@@ -1,0 +1,13 @@
+// Each `wdc` subcommand lives in its own file and registers itself here.
+#pragma once
+
+namespace CLI {
+class App;
+}
+
+namespace wdc::cli {
+
+// `wdc selfcheck`: a quick end-to-end check of the codecs on this machine.
+void registerSelfCheckCommand(CLI::App& app);
+
+}  // namespace wdc::cli
