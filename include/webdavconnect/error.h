@@ -1,5 +1,5 @@
 // The library's one error value: a domain, a signed 64-bit code and a user-information dictionary
-// of payload values. Operations hand it back through an optional `Error*` out-parameter that is
+// of payload values. Operations hand it back through an optional `ErrorOut` out-parameter that is
 // written only on failure; asynchronous operations pass it to their completion.
 #pragma once
 
@@ -57,8 +57,12 @@ class Error {
   PlistDictionary userInfo_;
 };
 
+// Error out-parameters are `std::optional<Error>*`: null when the caller does not want the
+// error; an empty optional is "no error" (some operations clear it on purpose).
+using ErrorOut = std::optional<Error>*;
+
 // Stores `error` in `*out` when `out` is non-null. The one way operations report failure.
-inline void setError(Error* out, const Error& error) {
+inline void setError(ErrorOut out, const Error& error) {
   if (out != nullptr) *out = error;
 }
 

@@ -9,7 +9,7 @@
 #include <memory>
 #include <mutex>
 
-#include "platform/operation_queue.h"
+#include "webdavconnect/operation_queue.h"
 
 namespace wdc::log {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/operation_queue.h"
+#include "webdavconnect/operation_queue.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -26,11 +26,11 @@ TEST(Error, DescriptionNamesDomainCodeAndUserInfo) {
 
 TEST(Error, SetErrorWritesOnlyWhenAsked) {
   setError(nullptr, Error("Dropbox", 1));  // must not crash
-  std::optional<Error> none;
-  Error out("old", 0);
+  std::optional<Error> out;
   setError(&out, Error("Dropbox", -1001));
-  EXPECT_EQ(out.domain(), "Dropbox");
-  EXPECT_EQ(out.code(), -1001);
+  ASSERT_TRUE(out);
+  EXPECT_EQ(out->domain(), "Dropbox");
+  EXPECT_EQ(out->code(), -1001);
 }
 
 TEST(Error, CorruptionCarriesWhatAndWhere) {

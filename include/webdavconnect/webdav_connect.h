@@ -1,0 +1,106 @@
+// WebDAVConnect: the one object through which a host's sync engine talks to its store. One per
+// account and sync. The class's members are defined across several source files, one per
+// operation family: src/core (construction, dispatch, rate-limit policy, retry loops),
+// src/dropbox (the Dropbox backend), src/local (the local-folder backend), src/core/webdav_backend
+// (the WebDAV backend, whose operations are empty).
+//
+// Operations declared here are implemented; families still being built are added with their code.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "webdavconnect/error.h"
+#include "webdavconnect/file_contents.h"
+#include "webdavconnect/file_metadata.h"
+#include "webdavconnect/operation_queue.h"
+#include "webdavconnect/plist_value.h"
+
+namespace wdc {
+
+using FileList = std::vector<std::shared_ptr<WebDAVFileMetaData>>;
+
+// The connection type that selects the Dropbox backend for the public operations.
+inline constexpr uint64_t kConnectionTypeDropbox = 3;
+
+// Per-connection state is not locked: one WebDAVConnect serves one sync at a time, from one thread
+// at a time. Process-wide state (rate-limit cooldown, download slots, retry queue, snapshot cache)
+// is shared by all connections and locked.
+class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
+ public:
+  // Stores the connection type and nothing else: `login` and `andPassword` are accepted and
+  // discarded. Every other field starts empty, false or zero.
+  WebDAVConnect(uint64_t connectionType, const std::optional<std::string>& login,
+                const std::optional<std::string>& andPassword);
+  static std::shared_ptr<WebDAVConnect> initWithConnectionType(
+      uint64_t connectionType, const std::optional<std::string>& login,
+      const std::optional<std::string>& andPassword);
+  ~WebDAVConnect();
+  WebDAVConnect(const WebDAVConnect&) = delete;
+  WebDAVConnect& operator=(const WebDAVConnect&) = delete;
+
+  // ---- Host-visible properties -------------------------------------------------------------
+  uint64_t connectionType = 0;
+  // The cursor the last delta listing left; pass it back as `usingCursor` to continue.
+  std::optional<std::string> dropboxDeltaCursor;
+  // Set by the delta listing when the host must discard its local copy.
+  bool shouldResetLocalData = false;
+  // The queue on which Dropbox answers are delivered. REQUIRES: never the thread that calls a
+  // blocking operation of this connection.
+  std::shared_ptr<OperationQueue> queueToUse;
+
+  // ---- Local-folder backend (src/local) ------------------------------------------------------
+  // All paths are under one root folder: a build-time constant (CMake WDC_LOCAL_ROOT_FOLDER;
+  // default <XDG data home>/webdavconnect/Local) that a host or test may override for the process.
+  static std::filesystem::path localRootFolder();
+  static void setLocalRootFolderForProcess(const std::filesystem::path& root);
+
+  // Lists the records directly in `fromPath` (root when absent), oldest first. `error` is
+  // required. Absent when the folder cannot be read.
+  std::optional<FileList> getFileListFromLocal(ErrorOut error,
+                                               const std::optional<std::string>& fromPath,
+                                               const std::optional<Date>& modifiedAfter,
+                                               const std::optional<std::vector<std::string>>& withExtension);
+  // Reads one record. A missing or undecodable file gives contents with an absent payload.
+  // `error` is never written.
+  std::shared_ptr<WebDAVFileContents> getContentsForLocalFile(
+      const std::shared_ptr<WebDAVFileMetaData>& file, const std::optional<std::string>& inFolder,
+      ErrorOut error);
+  // Writes one record into the root folder (the folder is only recorded in the returned
+  // metadata) and replaces the contents' metadata with the new one. `error` is never written.
+  std::shared_ptr<WebDAVFileMetaData> uploadFileWithObjectToLocal(
+      const std::shared_ptr<WebDAVFileContents>& contents,
+      const std::optional<std::string>& toFolder, const std::optional<std::string>& forDevice,
+      ErrorOut error);
+  bool deleteFileAtPathFromLocal(const std::shared_ptr<WebDAVFileMetaData>& file,
+                                 const std::optional<std::string>& inFolder, ErrorOut error);
+  bool doesLocalFolderExist(const std::optional<std::string>& folder, ErrorOut error);
+  bool createNewLocalFolder(const std::optional<std::string>& folder, ErrorOut error);
+  bool deleteLocalFolder(const std::optional<std::string>& folder, ErrorOut error);
+  // Empty operations of the local backend: empty results, nothing written.
+  std::optional<std::string> getLocalAccountUsername();
+  std::shared_ptr<WebDAVFileMetaData> getCurrentLocalLockFile();
+  std::shared_ptr<WebDAVFileMetaData> lockDirectoryLocal(ErrorOut error);
+  bool unlockDirectoryLocal(ErrorOut error);
+  std::optional<std::string> getHashFromLocal(const std::optional<std::string>& forFolderAtPath);
+  std::optional<FileList> getDeltaFileListFromLocal(const std::optional<std::string>& fromPath,
+                                                    const std::optional<std::string>& usingCursor,
+                                                    const std::optional<std::string>& withExtension,
+                                                    bool canUseCachedResult);
+  bool uploadArbitraryFileToLocal(const std::optional<PlistValue>& withData,
+                                  const std::optional<std::string>& toFolder, ErrorOut error);
+  std::optional<PlistValue> downloadArbitraryFileFromLocal(
+      const std::optional<std::string>& fromFolder, ErrorOut error);
+  bool deleteArbitraryFileFromLocal(const std::optional<std::string>& inFolder, ErrorOut error);
+
+ private:
+  // Outcome of the last asynchronous Dropbox call a blocking operation waited for.
+  std::optional<Error> lastAsyncError_;
+  bool asyncCallWasSuccessful_ = false;
+};
+
+}  // namespace wdc

@@ -1,0 +1,18 @@
+// Construction and lifetime of WebDAVConnect.
+#include "webdavconnect/webdav_connect.h"
+
+namespace wdc {
+
+WebDAVConnect::WebDAVConnect(uint64_t type, const std::optional<std::string>& /*login*/,
+                             const std::optional<std::string>& /*andPassword*/)
+    : connectionType(type) {}
+
+std::shared_ptr<WebDAVConnect> WebDAVConnect::initWithConnectionType(
+    uint64_t type, const std::optional<std::string>& login,
+    const std::optional<std::string>& andPassword) {
+  return std::make_shared<WebDAVConnect>(type, login, andPassword);
+}
+
+WebDAVConnect::~WebDAVConnect() = default;
+
+}  // namespace wdc
