@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "webdavconnect/error.h"
@@ -52,6 +53,35 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // The queue on which Dropbox answers are delivered. REQUIRES: never the thread that calls a
   // blocking operation of this connection.
   std::shared_ptr<OperationQueue> queueToUse;
+
+  // ---- Rate-limit and retry policy (src/core/rate_limit_policy.cpp) --------------------------
+  // Process-wide: shared by every connection, created on first use, thread-safe.
+
+  // Whether a failed attempt is worth another: 500/502/503 and 1001; 429 while fewer than 6
+  // rate-limit attempts were used; the URL-loading codes -1012, -1009, -1005, -1004, -1003, -1001;
+  // otherwise only when the description contains "The request timed out".
+  static bool isRetryableWebDAVErrorCode(int64_t code, std::string_view errorDescription,
+                                         int64_t rateLimitAttemptsUsed);
+  // Seconds to wait before rate-limit attempt `attempt` (2, 4, 8, 16, 30, 30... plus 0-1 s of
+  // jitter), or the server's back-off when that is longer.
+  static double rateLimitRetryDelayForAttempt(int64_t attempt, double serverBackoffSeconds);
+  // The "WebDAVDropboxRetryAfterSeconds" hint of an error; 0 when missing, not numeric or negative.
+  static double serverBackoffSecondsFromError(const std::optional<Error>& error);
+  // Opens (or extends, never shortens) the cooldown every Dropbox request waits out.
+  static void noteDropboxRateLimitWithSuggestedDelay(double seconds);
+  // Seconds left of the cooldown; 0 (and the cooldown cleared) once it has passed.
+  static double dropboxCooldownRemainingSeconds();
+  // Sleeps in slices of at most one second until the cooldown has passed, so a deadline pushed
+  // later by another thread extends the wait. Returns at once when there is none.
+  static void waitForDropboxCooldown();
+  // Takes one of the 4 process-wide download slots, waiting at most 120 s. False when the wait
+  // timed out: the caller then downloads without a slot and must not release one.
+  static bool acquireDropboxDownloadSlot();
+  static void releaseDropboxDownloadSlot();
+  // The serial queue on which delayed asynchronous retries run.
+  static OperationQueue& dropboxRetryQueue();
+  // Clears the cooldown. The download slots and the retry queue are untouched.
+  static void resetDropboxRateLimitStateForTesting();
 
   // ---- Local-folder backend (src/local) ------------------------------------------------------
   // All paths are under one root folder: a build-time constant (CMake WDC_LOCAL_ROOT_FOLDER;
