@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,6 +23,10 @@
 #include "webdavconnect/plist_value.h"
 
 namespace wdc {
+
+struct RetryMessages;
+bool runSynchronousRetryLoop(class WebDAVConnect& connection, const RetryMessages& messages,
+                             ErrorOut error, const std::function<bool(ErrorOut)>& attempt);
 
 using FileList = std::vector<std::shared_ptr<WebDAVFileMetaData>>;
 
@@ -128,6 +133,13 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   bool deleteArbitraryFileFromLocal(const std::optional<std::string>& inFolder, ErrorOut error);
 
  private:
+  friend bool runSynchronousRetryLoop(WebDAVConnect&, const struct RetryMessages&, ErrorOut,
+                                      const std::function<bool(ErrorOut)>&);
+  // Forgets the outcome of the last asynchronous call before a new attempt.
+  void clearAsyncCallState();
+  // Waits out the shared cooldown, then keeps waiting while the connection type is not Dropbox.
+  void waitUntilDropboxIsSelected();
+
   // Outcome of the last asynchronous Dropbox call a blocking operation waited for.
   std::optional<Error> lastAsyncError_;
   bool asyncCallWasSuccessful_ = false;
