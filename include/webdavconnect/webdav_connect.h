@@ -132,6 +132,36 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
       const std::optional<std::string>& fromFolder, ErrorOut error);
   bool deleteArbitraryFileFromLocal(const std::optional<std::string>& inFolder, ErrorOut error);
 
+  // ---- WebDAV backend (src/core/webdav_backend.cpp) -----------------------------------------
+  // Present for hosts that call them; each returns an empty result (absent, false) and never
+  // writes its error out-parameter.
+  std::optional<std::string> getWebDAVAccountUsername();
+  std::shared_ptr<WebDAVFileMetaData> getCurrentWebDAVLockFile();
+  std::shared_ptr<WebDAVFileMetaData> lockDirectoryWebDAV(ErrorOut error);
+  bool unlockDirectoryWebDAV(ErrorOut error);
+  std::optional<std::string> getHashFromWebDAV(const std::optional<std::string>& forFolderAtPath);
+  std::optional<FileList> getDeltaFileListFromWebDAV(const std::optional<std::string>& fromPath,
+                                                     const std::optional<std::string>& usingCursor,
+                                                     const std::optional<std::string>& withExtension,
+                                                     bool canUseCachedResult);
+  std::optional<FileList> getFileListFromWebDAV(
+      const std::optional<std::string>& fromPath, const std::optional<Date>& modifiedAfter,
+      const std::optional<std::vector<std::string>>& withExtension);
+  std::shared_ptr<WebDAVFileContents> getContentsForWebDAVFile(
+      const std::optional<std::string>& inFolder, ErrorOut error);
+  bool doesWebDAVFolderExist(ErrorOut error);
+  bool createNewWebDAVFolder(ErrorOut error);
+  bool deleteWebDAVFolder(ErrorOut error);
+  bool uploadArbitraryFileToWebDAV(const std::optional<PlistValue>& withData,
+                                   const std::optional<std::string>& toFolder, ErrorOut error);
+  bool deleteArbitraryFileFromWebDAV(const std::optional<std::string>& inFolder, ErrorOut error);
+  std::optional<PlistValue> downloadArbitraryFileFromWebDAV(
+      const std::optional<std::string>& fromFolder, ErrorOut error);
+  std::shared_ptr<WebDAVFileMetaData> uploadFileWithObjectToWebDAV(
+      const std::optional<std::string>& toFolder, const std::optional<std::string>& forDevice,
+      ErrorOut error);
+  bool deleteFileAtPathFromWebDAV(const std::optional<std::string>& inFolder, ErrorOut error);
+
  private:
   friend bool runSynchronousRetryLoop(WebDAVConnect&, const struct RetryMessages&, ErrorOut,
                                       const std::function<bool(ErrorOut)>&);
