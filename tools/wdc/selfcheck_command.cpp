@@ -7,6 +7,7 @@
 
 #include "records/record_name.h"
 #include "tools/wdc/commands.h"
+#include "webdavconnect/data_codecs.h"
 #include "webdavconnect/file_metadata.h"
 
 namespace wdc::cli {
@@ -24,6 +25,23 @@ int runSelfCheck() {
   auto parsed = parseRecordName(name);
   ok &= check("record name round trip",
               parsed && parsed->opType == "a" && parsed->uid == "X" && parsed->extension == "tod");
+
+  const std::string text = "The quick brown fox jumps over the lazy dog";
+  const Bytes sample(text.begin(), text.end());
+  Bytes repeated;
+  for (int i = 0; i < 200; ++i) repeated.insert(repeated.end(), sample.begin(), sample.end());
+  auto gz = gzipDeflate(repeated);
+  auto gunzipped = gz ? gzipInflate(*gz) : std::nullopt;
+  ok &= check("gzip deflate + inflate",
+              gz && gz->size() > 2 && (*gz)[0] == 0x1f && (*gz)[1] == 0x8b && gunzipped == repeated);
+  auto zl = zlibDeflate(repeated);
+  ok &= check("zlib deflate + inflate", zl && zlibInflate(*zl) == repeated);
+  const std::string encoded = base64Encoded(sample);
+  ok &= check("base64 encode + decode",
+              encoded == "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVyIHRoZSBsYXp5IGRvZw==" &&
+                  base64Decoded(Bytes(encoded.begin(), encoded.end())) == sample);
+  // The widely published MD5 of this pangram.
+  ok &= check("md5 hex", hexStringValue(md5Digest(sample)) == "9e107d9d372bb6826bd81d3542a419d6");
   return ok ? 0 : 1;
 }
 
