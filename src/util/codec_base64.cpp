@@ -4,6 +4,7 @@
 // dropped. On "=" after a single character, the one byte produced takes its low two bits from the
 // quartet slot the previous quartet left behind; stored data was written that way, so it stays.
 #include <array>
+#include <cstring>
 
 #include "webdavconnect/data_codecs.h"
 
@@ -28,29 +29,58 @@ constexpr std::array<int8_t, 256> kDecode = makeDecodeTable();
 std::string base64Encoded(const Bytes& input) {
   std::string text;
   if (input.empty()) return text;
-  text.reserve((input.size() + 2) / 3 * 4);
-  for (size_t offset = 0; offset < input.size(); offset += 3) {
-    const size_t remaining = input.size() - offset;
-    const uint8_t b0 = input[offset];
-    const uint8_t b1 = remaining > 1 ? input[offset + 1] : 0;
-    const uint8_t b2 = remaining > 2 ? input[offset + 2] : 0;
-    const char sextets[4] = {kAlphabet[b0 >> 2], kAlphabet[((b0 & 3) << 4) | (b1 >> 4)],
-                             kAlphabet[((b1 & 15) << 2) | (b2 >> 6)], kAlphabet[b2 & 63]};
-    const size_t emitted = remaining == 1 ? 2 : remaining == 2 ? 3 : 4;
-    text.append(sextets, emitted);
-    text.append(4 - emitted, '=');
+  text.resize((input.size() + 2) / 3 * 4);
+  char* out = text.data();
+  const uint8_t* in = input.data();
+  const size_t whole = input.size() / 3 * 3;
+  for (size_t offset = 0; offset < whole; offset += 3, out += 4) {
+    const uint8_t b0 = in[offset], b1 = in[offset + 1], b2 = in[offset + 2];
+    out[0] = kAlphabet[b0 >> 2];
+    out[1] = kAlphabet[((b0 & 3) << 4) | (b1 >> 4)];
+    out[2] = kAlphabet[((b1 & 15) << 2) | (b2 >> 6)];
+    out[3] = kAlphabet[b2 & 63];
+  }
+  // A short last group is filled with zero bytes; its missing characters become "=".
+  const size_t remaining = input.size() - whole;
+  if (remaining > 0) {
+    const uint8_t b0 = in[whole];
+    const uint8_t b1 = remaining > 1 ? in[whole + 1] : 0;
+    out[0] = kAlphabet[b0 >> 2];
+    out[1] = kAlphabet[((b0 & 3) << 4) | (b1 >> 4)];
+    out[2] = remaining > 1 ? kAlphabet[(b1 & 15) << 2] : '=';
+    out[3] = '=';
   }
   return text;
 }
 
 Bytes base64Decoded(const Bytes& text) {
-  Bytes output;
-  output.reserve(text.size() / 4 * 3);
+  // At most three bytes per four characters, plus two for a padded partial quartet.
+  Bytes output(text.size() / 4 * 3 + 3);
+  uint8_t* out = output.data();
   // Slots persist across quartets on purpose (see the file comment).
   uint8_t quartet[4] = {0, 0, 0, 0};
   size_t filled = 0;
-  for (uint8_t c : text) {
-    const int8_t value = kDecode[c];
+  const uint8_t* in = text.data();
+  const uint8_t* const end = in + text.size();
+  while (in < end) {
+    // Fast path: four alphabet characters in a row at a quartet boundary, the common case.
+    if (filled == 0 && end - in >= 4) {
+      const int8_t v0 = kDecode[in[0]], v1 = kDecode[in[1]], v2 = kDecode[in[2]],
+                   v3 = kDecode[in[3]];
+      if ((v0 | v1 | v2 | v3) >= 0) {
+        quartet[0] = static_cast<uint8_t>(v0);
+        quartet[1] = static_cast<uint8_t>(v1);
+        quartet[2] = static_cast<uint8_t>(v2);
+        quartet[3] = static_cast<uint8_t>(v3);
+        out[0] = static_cast<uint8_t>((v0 << 2) | ((v1 & 0x30) >> 4));
+        out[1] = static_cast<uint8_t>(((v1 & 0x0F) << 4) | ((v2 & 0x3C) >> 2));
+        out[2] = static_cast<uint8_t>(((v2 & 0x03) << 6) | (v3 & 0x3F));
+        out += 3;
+        in += 4;
+        continue;
+      }
+    }
+    const int8_t value = kDecode[*in++];
     if (value == kSkip) continue;
     size_t produce = 3;
     bool last = false;
@@ -69,10 +99,12 @@ Bytes base64Decoded(const Bytes& text) {
           static_cast<uint8_t>((quartet[0] << 2) | ((quartet[1] & 0x30) >> 4)),
           static_cast<uint8_t>(((quartet[1] & 0x0F) << 4) | ((quartet[2] & 0x3C) >> 2)),
           static_cast<uint8_t>(((quartet[2] & 0x03) << 6) | (quartet[3] & 0x3F))};
-      output.insert(output.end(), bytes, bytes + produce);
+      std::memcpy(out, bytes, produce);
+      out += produce;
     }
     if (last) break;
   }
+  output.resize(static_cast<size_t>(out - output.data()));
   return output;
 }
 
