@@ -124,5 +124,26 @@ const RouteSpec* findRoute(std::string_view name);
 void handleGetCurrentAccount(Emulator::Impl&, Exchange&, const Json&);
 void handleOAuth2Token(Emulator::Impl&, Exchange&, const Json&);
 void handleTokenFromOAuth1(Emulator::Impl&, Exchange&, const Json&);
+void handleListFolder(Emulator::Impl&, Exchange&, const Json&);
+void handleListFolderContinue(Emulator::Impl&, Exchange&, const Json&);
+void handleSearch(Emulator::Impl&, Exchange&, const Json&);
+void handleSearchV2(Emulator::Impl&, Exchange&, const Json&);
+void handleSearchContinueV2(Emulator::Impl&, Exchange&, const Json&);
+void handleCreateFolder(Emulator::Impl&, Exchange&, const Json&);
+void handleUpload(Emulator::Impl&, Exchange&, const Json&);
+void handleUploadSessionStart(Emulator::Impl&, Exchange&, const Json&);
+void handleUploadSessionAppend(Emulator::Impl&, Exchange&, const Json&);
+void handleFinishBatch(Emulator::Impl&, Exchange&, const Json&);
+void handleFinishBatchCheck(Emulator::Impl&, Exchange&, const Json&);
+void handleFinishBatchV2(Emulator::Impl&, Exchange&, const Json&);
+void handleDownload(Emulator::Impl&, Exchange&, const Json&);
+void handleDownloadZip(Emulator::Impl&, Exchange&, const Json&);
+void handleDelete(Emulator::Impl&, Exchange&, const Json&);
+void handleDeleteBatch(Emulator::Impl&, Exchange&, const Json&);
+void handleDeleteBatchCheck(Emulator::Impl&, Exchange&, const Json&);
+
+// Commits finish_batch entries in order; the entries of UploadSessionFinishBatchResult.
+// REQUIRES: impl.mutex held.
+Json runFinishBatch(Emulator::Impl& impl, const Json& entries);
 
 }  // namespace wdc::emu
