@@ -69,7 +69,8 @@ class Batch : public std::enable_shared_from_this<Batch> {
         items_(std::move(items)),
         queue_(std::move(queue)),
         progress_(std::move(progress)),
-        block_(std::move(block)) {}
+        block_(std::move(block)),
+        useV1_(!core_->config().preferFinishBatchV2) {}
 
   void start() {
     for (std::size_t index = 0; index < items_.size(); ++index) {
@@ -429,6 +430,7 @@ class Batch : public std::enable_shared_from_this<Batch> {
   std::shared_ptr<OperationQueue> queue_;
   DBProgressBlock progress_;
   DBBatchUploadResponseBlock block_;
+  bool useV1_;  // commit phase only
 
   std::mutex mutex_;
   std::size_t next_ = 0;                    // guarded by mutex_
@@ -445,7 +447,6 @@ class Batch : public std::enable_shared_from_this<Batch> {
   // Commit phase: one request at a time, so no lock.
   std::vector<std::vector<std::size_t>> commits_;
   std::size_t commitIndex_ = 0;
-  bool useV1_ = false;
   bool anyCommitAnswered_ = false;
   std::map<std::string, DBFILESUploadSessionFinishBatchResultEntry> results_;
   std::optional<DBASYNCPollError> finishRouteError_;

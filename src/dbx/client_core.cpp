@@ -268,9 +268,9 @@ void ClientCore::refreshToken(std::function<void(std::optional<DBRequestError>)>
           !access->get_ref<const std::string&>().empty()) {
         std::lock_guard lock(self->mutex_);
         self->token_.accessToken = access->get<std::string>();
-        if (expires != v.end() && expires->is_number_unsigned()) {
+        if (expires != v.end() && expires->is_number_integer() && expires->get<int64_t>() >= 0) {
           self->token_.expiresAt =
-              Env::current().now() + std::chrono::seconds(expires->get<uint64_t>());
+              Env::current().now() + std::chrono::seconds(expires->get<int64_t>());
         } else {
           self->token_.expiresAt.reset();
         }
