@@ -34,8 +34,10 @@ struct DBClientConfig {
   // Token store file; empty means <config dir>/webdavconnect/dropbox-tokens.json, where the config
   // dir is $XDG_CONFIG_HOME or $HOME/.config.
   std::filesystem::path tokenStorePath;
-  // Batch upload: bytes per upload-session request.
+  // Batch upload: bytes per upload-session request, and whether commits try the synchronous
+  // finish_batch_v2 first (falling back to finish_batch + polling when the server lacks it).
   std::size_t uploadChunkBytes = 8u << 20;
+  bool preferFinishBatchV2 = true;
   std::string userAgent = "webdavconnect-dbx/0.1";
 };
 

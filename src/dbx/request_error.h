@@ -13,6 +13,7 @@
 namespace wdc::dbx {
 
 // URL-loading codes (domain kURLErrorDomain) used for `nsError`.
+inline constexpr int64_t kURLErrorUnknown = -1;
 inline constexpr int64_t kURLErrorCancelled = -999;
 inline constexpr int64_t kURLErrorTimedOut = -1001;
 inline constexpr int64_t kURLErrorUnsupportedURL = -1002;

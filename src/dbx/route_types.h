@@ -34,9 +34,9 @@ struct DBFILESListFolderResult {
 
 // ---- search ----
 
-// The classic search arguments. The client sends them as search_v2 (options.path,
-// options.max_results); `start` and a mode other than filename have no v2 form and are refused
-// before sending.
+// The classic search arguments. The client sends them as search_v2: options.path (left out for
+// the root), options.max_results, filename_only unless content search is asked for, file_status
+// "deleted" for the deleted-filename mode. `start` has no v2 form and is not sent.
 struct DBFILESSearchArg {
   std::string path;  // "" is the root
   std::string query;

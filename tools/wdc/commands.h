@@ -10,4 +10,7 @@ namespace wdc::cli {
 // `wdc selfcheck`: a quick end-to-end check of the codecs on this machine.
 void registerSelfCheckCommand(CLI::App& app);
 
+// `wdc emulator`: the loopback Dropbox API v2 emulator, until killed.
+void registerEmulatorCommand(CLI::App& app);
+
 }  // namespace wdc::cli

@@ -1,0 +1,110 @@
+// Parses the `ROUTE:KIND[:ARG][@P][#N]` fault specs of `wdc emulator --fault`.
+#include <charconv>
+#include <cmath>
+
+#include "emulator/emulator.h"
+
+namespace wdc::emu {
+namespace {
+
+template <typename T>
+bool parseWhole(std::string_view text, T& out) {
+  if (text.empty()) return false;
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
+  return ec == std::errc() && end == text.data() + text.size();
+}
+
+bool parseProbability(std::string_view text, double& out) {
+  // from_chars for double is in libstdc++ 12; a bounded copy keeps strtod away from the caller's
+  // unterminated view.
+  if (text.empty() || text.size() > 32) return false;
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
+  return ec == std::errc() && end == text.data() + text.size() && std::isfinite(out) &&
+         out >= 0.0 && out <= 1.0;
+}
+
+std::optional<FaultKind> parseKind(std::string_view text) {
+  if (text == "429") return FaultKind::kTooManyRequests;
+  if (text == "429w") return FaultKind::kTooManyWriteOperations;
+  if (text == "500") return FaultKind::kInternalError;
+  if (text == "503") return FaultKind::kUnavailable;
+  if (text == "drop") return FaultKind::kDrop;
+  if (text == "truncate") return FaultKind::kTruncate;
+  if (text == "reset") return FaultKind::kReset;
+  if (text == "latency") return FaultKind::kLatency;
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<FaultRule> parseFaultSpec(std::string_view spec, std::string* error) {
+  auto fail = [&](std::string_view why) -> std::optional<FaultRule> {
+    if (error) *error = "bad fault spec \"" + std::string(spec) + "\": " + std::string(why);
+    return std::nullopt;
+  };
+  FaultRule rule;
+  std::string_view rest = spec;
+  if (const size_t hash = rest.rfind('#'); hash != std::string_view::npos) {
+    uint64_t count = 0;
+    if (!parseWhole(rest.substr(hash + 1), count) || count == 0) {
+      return fail("the count after # must be a positive whole number");
+    }
+    rule.count = count;
+    rest = rest.substr(0, hash);
+  }
+  if (const size_t at = rest.rfind('@'); at != std::string_view::npos) {
+    if (!parseProbability(rest.substr(at + 1), rule.probability)) {
+      return fail("the probability after @ must be a number from 0 to 1");
+    }
+    rest = rest.substr(0, at);
+  }
+  const size_t firstColon = rest.find(':');
+  if (firstColon == std::string_view::npos || firstColon == 0) {
+    return fail("expected ROUTE:KIND");
+  }
+  rule.route = std::string(rest.substr(0, firstColon));
+  if (rule.route.front() == '/') rule.route.erase(0, 1);
+  rest = rest.substr(firstColon + 1);
+  std::string_view kindText = rest;
+  std::optional<std::string_view> argText;
+  if (const size_t colon = rest.find(':'); colon != std::string_view::npos) {
+    kindText = rest.substr(0, colon);
+    argText = rest.substr(colon + 1);
+  }
+  const std::optional<FaultKind> kind = parseKind(kindText);
+  if (!kind) return fail("unknown kind (429, 429w, 500, 503, drop, truncate, reset, latency)");
+  rule.kind = *kind;
+
+  const bool is429 =
+      rule.kind == FaultKind::kTooManyRequests || rule.kind == FaultKind::kTooManyWriteOperations;
+  if (is429) {
+    rule.placement = RetryAfterPlacement::kNone;
+    if (argText) {
+      std::string_view digits = *argText;
+      rule.placement = RetryAfterPlacement::kHeaderAndBody;
+      if (!digits.empty() && digits.back() == 'h') {
+        rule.placement = RetryAfterPlacement::kHeaderOnly;
+        digits.remove_suffix(1);
+      } else if (!digits.empty() && digits.back() == 'b') {
+        rule.placement = RetryAfterPlacement::kBodyOnly;
+        digits.remove_suffix(1);
+      }
+      uint32_t seconds = 0;
+      if (!parseWhole(digits, seconds)) return fail("Retry-After must be whole seconds");
+      rule.argument = seconds;
+    }
+  } else if (rule.kind == FaultKind::kLatency) {
+    uint32_t ms = 0;
+    if (!argText || !parseWhole(*argText, ms)) return fail("latency needs milliseconds as ARG");
+    rule.argument = ms;
+  } else if (argText) {
+    return fail("this kind takes no ARG");
+  }
+  if (rule.kind == FaultKind::kReset && rule.route != "*" &&
+      rule.route != "files/list_folder/continue") {
+    return fail("reset applies to files/list_folder/continue only");
+  }
+  return rule;
+}
+
+}  // namespace wdc::emu
