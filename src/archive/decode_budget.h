@@ -13,7 +13,7 @@ namespace wdc::bplist {
 
 class DecodeBudget {
  public:
-  static constexpr size_t kValueCost = 64;
+  static constexpr size_t kValueCost = 128;  // about the size of one PlistValue
 
   DecodeBudget(const KeyedArchiveLimits& limits, size_t inputSize)
       : left_(limits.maxDecodedBytes != 0 ? limits.maxDecodedBytes
