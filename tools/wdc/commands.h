@@ -10,4 +10,7 @@ namespace wdc::cli {
 // `wdc selfcheck`: a quick end-to-end check of the codecs on this machine.
 void registerSelfCheckCommand(CLI::App& app);
 
+// `wdc payload decode FILE` / `wdc payload encode JSON_FILE OUT_FILE`.
+void registerPayloadCommand(CLI::App& app);
+
 }  // namespace wdc::cli
