@@ -3,6 +3,8 @@
 // finished with. Strings, numbers and data are plain values in $objects; everything else is an
 // object dictionary with a $class. Field values of unknown objects that are numbers, booleans
 // or data are stored inline (as encodeInt/encodeBool/encodeBytes would), anything else by UID.
+// Equal strings share one UID, as Apple's archiver shares one string object used in several
+// places: record keys repeat in every dictionary, and the smaller archive deflates faster.
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -39,7 +41,16 @@ class Archiver {
   bool mutableTop_;
   std::vector<Ref> objects_;  // $objects by UID
   std::unordered_map<std::string, uint64_t> classes_;
+  // Views into the strings of the value being archived, which outlives the Archiver.
+  std::unordered_map<std::string_view, uint64_t> strings_;
+  uint64_t stringUid(std::string_view text);
 };
+
+uint64_t Archiver::stringUid(std::string_view text) {
+  auto [it, inserted] = strings_.try_emplace(text, objects_.size());
+  if (inserted) objects_.push_back(w_.addString(text));
+  return it->second;
+}
 
 const std::vector<std::string>& chainFor(std::string_view name) {
   static const std::unordered_map<std::string_view, std::vector<std::string>> kChains = {
@@ -104,10 +115,8 @@ Ref Archiver::fieldRef(std::string_view key, const PlistValue& value) {
 
 uint64_t Archiver::encode(const PlistValue& value, bool mutableDictionary) {
   switch (value.kind()) {
-    case PlistValue::Kind::kString: {
-      objects_.push_back(w_.addString(value.asString()));
-      return objects_.size() - 1;
-    }
+    case PlistValue::Kind::kString:
+      return stringUid(value.asString());
     case PlistValue::Kind::kInteger:
     case PlistValue::Kind::kUnsignedInteger:
     case PlistValue::Kind::kReal:
@@ -140,10 +149,7 @@ uint64_t Archiver::encode(const PlistValue& value, bool mutableDictionary) {
       std::vector<Ref> keyUids, valueUids;
       keyUids.reserve(dict.size());
       valueUids.reserve(dict.size());
-      for (const auto& key : dict.keys()) {
-        objects_.push_back(w_.addString(key));
-        keyUids.push_back(w_.addUid(objects_.size() - 1));
-      }
+      for (const auto& key : dict.keys()) keyUids.push_back(w_.addUid(stringUid(key)));
       for (const auto& item : dict.values()) valueUids.push_back(w_.addUid(encode(item)));
       const Ref keys = w_.addArray(keyUids);
       const Ref values = w_.addArray(valueUids);
