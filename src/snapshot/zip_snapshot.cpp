@@ -5,6 +5,7 @@
 // identity: a warm that finds a different record on return knows it has been overtaken.
 #include "webdavconnect/zip_snapshot.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -38,6 +39,19 @@ void removeDirectory(const std::optional<std::string>& path) {
   if (!path || path->empty()) return;
   std::error_code ec;
   fs::remove_all(*path, ec);
+}
+
+// Creates `root` when missing and makes sure it is a real directory of ours that nobody else may
+// write to. In a shared /tmp another user could otherwise swap an extraction directory for a
+// link while we write into it.
+bool isPrivateDirectory(const fs::path& root) {
+  std::error_code ec;
+  fs::create_directories(root, ec);
+  struct stat info {};
+  if (::lstat(root.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid()) {
+    return false;
+  }
+  return (info.st_mode & 077) == 0 || ::chmod(root.c_str(), 0700) == 0;
 }
 
 }  // namespace
@@ -158,10 +172,12 @@ bool WebDAVDropboxZipSnapshot::extractZipAtPath(const std::string& zipPath,
                                                 WebDAVZipPayloadIndex* payloadPaths) const {
   if (zipPath.empty() || ::access(zipPath.c_str(), R_OK) != 0) return false;
   Env& env = Env::current();
-  const fs::path directory = env.temporaryDirectory() / kSnapshotsDirectoryName / env.newUUID();
+  const fs::path root = env.temporaryDirectory() / kSnapshotsDirectoryName;
+  if (!isPrivateDirectory(root)) return false;
+  const fs::path directory = root / env.newUUID();
   std::error_code ec;
-  // A directory that already exists belongs to someone else: never extract into it.
-  if (!fs::create_directories(directory, ec) || ec) return false;
+  // A directory that already exists is not ours to fill.
+  if (!fs::create_directory(directory, ec) || ec) return false;
 
   if (!extractZipFile(zipPath, directory, limits_, nullptr)) {
     fs::remove_all(directory, ec);

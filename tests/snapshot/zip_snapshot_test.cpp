@@ -168,6 +168,27 @@ TEST_F(ZipSnapshotTest, AFailedWarmSticksWithoutRetryingUntilTheFolderIsMarkedAg
   EXPECT_TRUE(snapshot_.warmFolder("tod", recordsZip(25)));
 }
 
+TEST_F(ZipSnapshotTest, ExtractsOnlyIntoAPrivateSnapshotsDirectory) {
+  // Left open to everyone by someone else's umask: tightened before use.
+  fs::create_directory(snapshotsDir_);
+  fs::permissions(snapshotsDir_, fs::perms::all);
+  ASSERT_TRUE(snapshot_.markFolder("tod", 25));
+  ASSERT_TRUE(snapshot_.warmFolder("tod", recordsZip(25)));
+  EXPECT_EQ(fs::status(snapshotsDir_).permissions() & (fs::perms::group_all | fs::perms::others_all),
+            fs::perms::none);
+
+  // A link in its place could send the files anywhere: refused.
+  snapshot_.reset();
+  fs::remove_all(snapshotsDir_);
+  const fs::path elsewhere = env_.temporaryDirectory() / "elsewhere";
+  fs::create_directory(elsewhere);
+  fs::create_directory_symlink(elsewhere, snapshotsDir_);
+  ASSERT_TRUE(snapshot_.markFolder("tod", 25));
+  EXPECT_FALSE(snapshot_.warmFolder("tod", recordsZip(25)));
+  EXPECT_TRUE(snapshot_.isFolderFailed("tod"));
+  EXPECT_TRUE(fs::is_empty(elsewhere));
+}
+
 TEST_F(ZipSnapshotTest, UnmarkedFoldersAreNeverFetched) {
   EXPECT_FALSE(snapshot_.warmPendingFolder("tod", [] {
     ADD_FAILURE() << "provider called for an unmarked folder";
