@@ -38,7 +38,7 @@ void linkClient(const emu::Emulator& emulator, const std::filesystem::path& fold
   const auto certificate = folder / "emulator.pem";
   (void)emulator.writeCertificate(certificate);
   dbx::DBTokenStoreContents store;
-  store.oauth2 = dbx::DBOAuth2Token{.uid = "dbid:bench", .accessToken = kToken};
+  store.oauth2 = dbx::DBOAuth2Token{.uid = "dbid:bench", .accessToken = kToken, .refreshToken = {}, .expiresAt = {}};
   (void)dbx::saveTokenStore(folder / "tokens.json", store);
   dbx::DBClientConfig config;
   config.apiBaseUrl = emulator.baseUrl();
@@ -77,7 +77,10 @@ void overhead() {
         queue);
     done.wait();
   };
-  auto backend = [&] { doNotOptimize(&*connection->getDropboxAccountUsername(nullptr)); };
+  auto backend = [&] {
+    auto name = connection->getDropboxAccountUsername(nullptr);
+    doNotOptimize(&name);
+  };
   auto pub = [&] {
     std::optional<Error> error;
     auto name = connection->getAccountUsername(&error);
@@ -115,13 +118,13 @@ void cooldown(int connections, double seconds, double faultProbability) {
   std::mutex mutex;
   struct Arrival {
     Clock::time_point at;
-    int status;
+    bool rateLimited;
   };
   std::vector<Arrival> arrivals;
-  emulator.setRequestObserver([&](std::string_view route, int status, Clock::time_point at) {
+  emulator.setArrivalObserver([&](std::string_view route, bool rateLimited, Clock::time_point at) {
     if (route != kRoute) return;
     std::lock_guard lock(mutex);
-    arrivals.push_back({at, status});
+    arrivals.push_back({at, rateLimited});
   });
   emulator.addFault(emu::FaultRule{.route = kRoute, .kind = emu::FaultKind::kTooManyRequests,
                                    .argument = 2, .probability = faultProbability});
@@ -164,7 +167,7 @@ void cooldown(int connections, double seconds, double faultProbability) {
         ++violations;
       }
     }
-    if (arrival.status == 429) {
+    if (arrival.rateLimited) {
       ++limited;
       lastLimit = arrival.at;  // every 429 the client reads opens a new cooldown
       anyLimit = true;
