@@ -109,15 +109,13 @@ TEST_F(DeferredExecutionTest, BackgroundRunsOnAnotherThread) {
 
 TEST_F(DeferredExecutionTest, StopEndsARunFromAnotherThread) {
   LoopThread helper;
-  bool posted = false;
-  performBlock(
-      [loop = loop_, &posted] {
-        loop->post([&posted] { posted = true; });
-        loop->stop();
-      },
-      helper.runLoop(), false);
+  bool ran = false;
+  loop_->post([&] {
+    ran = true;
+    performBlock([loop = loop_] { loop->stop(); }, helper.runLoop(), false);
+  });
   loop_->run();  // returns once the helper has stopped it
-  EXPECT_TRUE(posted);
+  EXPECT_TRUE(ran);
 }
 
 }  // namespace
