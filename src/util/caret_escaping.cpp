@@ -7,6 +7,8 @@
 // their order) and then decodes every caret code in one pass: a decoded character is never "^"
 // nor a hex digit, so no decoding can create or hide another code.
 #include <array>
+#include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "util/replacement_steps.h"
@@ -18,11 +20,17 @@ namespace {
 // Replacement text per byte; nullptr keeps the byte.
 struct CaretMap {
   std::array<const char*, 256> replace{};
+  std::array<uint8_t, 256> length{};  // bytes written for each input byte
 };
 
 constexpr CaretMap makeEscapeMap() {
   CaretMap map{};
-  auto set = [&map](char c, const char* text) { map.replace[static_cast<unsigned char>(c)] = text; };
+  for (auto& length : map.length) length = 1;
+  auto set = [&map](char c, const char* text) {
+    map.replace[static_cast<unsigned char>(c)] = text;
+    map.length[static_cast<unsigned char>(c)] =
+        static_cast<uint8_t>(std::char_traits<char>::length(text));
+  };
   set('\\', "\\\\");
   set('/', "\\/");
   set('\b', "");
@@ -74,17 +82,20 @@ constexpr ReplacementStep kBackslashSteps[] = {{"\\\\", "\\"}, {"\\/", "/"}};
 std::string escapeForToodledo(std::string_view text) { return std::string(text); }
 
 std::string escapeForJSON(std::string_view text) {
-  std::string out;
-  out.reserve(text.size() + text.size() / 4);
-  size_t run = 0;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const char* replacement = kEscapeMap.replace[static_cast<unsigned char>(text[i])];
-    if (replacement == nullptr) continue;
-    out.append(text, run, i - run);
-    out.append(replacement);
-    run = i + 1;
+  // Count first, then fill an exactly sized buffer: no growth and no capacity checks per byte.
+  size_t size = 0;
+  for (char c : text) size += kEscapeMap.length[static_cast<unsigned char>(c)];
+  std::string out(size, '\0');
+  char* p = out.data();
+  for (char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    const char* replacement = kEscapeMap.replace[byte];
+    if (replacement == nullptr) {
+      *p++ = c;
+    } else {
+      for (size_t i = 0; i < kEscapeMap.length[byte]; ++i) *p++ = replacement[i];
+    }
   }
-  out.append(text, run, std::string_view::npos);
   return out;
 }
 
