@@ -20,6 +20,8 @@ void performBlock(DeferredBlock block, double delaySeconds);
 
 // Runs `block` on the thread of `thread`. With `waitUntilDone`, blocks until it has run (when
 // `thread` is the caller's own loop, it runs at once instead, since waiting would never end).
+// An exception thrown by the callback reaches the waiting caller; without waiting, callbacks
+// must not throw (it would leave the target thread's loop).
 // REQUIRES for waiting: the target loop is running or will run.
 void performBlock(DeferredBlock block, RunLoop& thread, bool waitUntilDone);
 
