@@ -1,7 +1,8 @@
 // Throughput of the escapers a host calls in hot loops, on 1 KB and 1 MB of to-do-like text
 // (words, punctuation, a little non-ASCII), each table led by a floor: a plain copy of the same
 // bytes, and where one exists a library doing the equivalent job (libcurl's URL escaping,
-// nlohmann-json's string escaping and parsing, ICU's UTF-8 scan). MB/s counts the input bytes.
+// nlohmann-json's string escaping and parsing, ICU's UTF-8 scan). MB/s counts the input bytes;
+// the ratio column is against the library row (above 1: faster than the library).
 #include <curl/curl.h>
 #include <unicode/unistr.h>
 
@@ -54,7 +55,7 @@ void tables(const std::string& label, size_t size) {
     std::string out = escapeAllForMail(text);
     doNotOptimize(out.data());
   }, bytes));
-  printTable("mail escaping " + label, rows);
+  printTable("mail escaping " + label, rows, "curl_easy_escape");
 
   rows.clear();
   rows.push_back(measure("plain copy", [&] {
@@ -69,7 +70,7 @@ void tables(const std::string& label, size_t size) {
     std::string out = escapeForJSON(text);
     doNotOptimize(out.data());
   }, bytes));
-  printTable("caret escaping " + label, rows);
+  printTable("caret escaping " + label, rows, "nlohmann::json dump");
 
   const std::string caret = escapeForJSON(text);
   const std::string quoted = nlohmann::json(text).dump();
@@ -86,7 +87,8 @@ void tables(const std::string& label, size_t size) {
     std::string out = unescapeForJSON(caret);
     doNotOptimize(out.data());
   }, bytes));
-  printTable("caret unescaping " + label + " (MB/s of the plain text)", rows);
+  printTable("caret unescaping " + label + " (MB/s of the plain text)", rows,
+             "nlohmann::json parse");
 
   std::string dirty = text;
   for (size_t i = 97; i < dirty.size(); i += 997) dirty[i] = '\x01';  // forbidden in XML
@@ -108,7 +110,7 @@ void tables(const std::string& label, size_t size) {
     std::string out = validXMLString(dirty);
     doNotOptimize(out.data());
   }, bytes));
-  printTable("XML clean-up " + label, rows);
+  printTable("XML clean-up " + label, rows, "ICU UTF-8 to UTF-16");
   curl_easy_cleanup(curl);
 }
 

@@ -100,30 +100,31 @@ std::string escapeForJSON(std::string_view text) {
 }
 
 std::string unescapeForJSON(std::string_view text) {
-  std::string work(text);
-  if (work.find('\\') != std::string::npos) {
-    for (const ReplacementStep& step : kBackslashSteps) applyReplacementStep(work, step);
+  std::string backslashed;
+  if (text.find('\\') != std::string_view::npos) {
+    backslashed.assign(text);
+    for (const ReplacementStep& step : kBackslashSteps) applyReplacementStep(backslashed, step);
+    text = backslashed;
   }
-  size_t caret = work.find('^');
-  if (caret == std::string::npos) return work;
-  std::string out;
-  out.reserve(work.size());
-  size_t run = 0;
-  while (caret != std::string::npos) {
-    if (work.size() - caret >= 3) {
-      const int high = hexValue(work[caret + 1]);
-      const int low = hexValue(work[caret + 2]);
+  // Decoding only shrinks the text: write into a buffer of the input's size and trim it.
+  std::string out(text.size(), '\0');
+  char* p = out.data();
+  size_t i = 0;
+  while (i < text.size()) {
+    const char c = text[i];
+    if (c == '^' && text.size() - i >= 3) {
+      const int high = hexValue(text[i + 1]);
+      const int low = hexValue(text[i + 2]);
       if (high >= 0 && low >= 0 && kDecodable[static_cast<size_t>(high * 16 + low)]) {
-        out.append(work, run, caret - run);
-        out.push_back(static_cast<char>(high * 16 + low));
-        run = caret + 3;
-        caret = work.find('^', run);
+        *p++ = static_cast<char>(high * 16 + low);
+        i += 3;
         continue;
       }
     }
-    caret = work.find('^', caret + 1);
+    *p++ = c;
+    ++i;
   }
-  out.append(work, run, std::string::npos);
+  out.resize(static_cast<size_t>(p - out.data()));
   return out;
 }
 
