@@ -11,6 +11,8 @@
 #include <fstream>
 #include <sstream>
 
+#include <unistd.h>
+
 #include "platform/virtual_env.h"
 #include "util/date_conversion_internal.h"
 
@@ -34,13 +36,17 @@ std::vector<std::string> shellLines(const std::string& command) {
 // GNU date over many inputs at once: `inputs` one per line, read with -f.
 std::vector<std::string> gnuDate(const std::string& tzPrefix, const std::vector<std::string>& inputs,
                                  const std::string& format) {
-  const std::string file = testing::TempDir() + "date_inputs.txt";
+  // One file per process: CTest runs the per-zone copies of this binary side by side.
+  const std::string file =
+      testing::TempDir() + "date_inputs_" + std::to_string(::getpid()) + ".txt";
   std::ofstream(file) << [&] {
     std::string text;
     for (const std::string& input : inputs) text += input + "\n";
     return text;
   }();
-  return shellLines(tzPrefix + "date -f " + file + " '+" + format + "'");
+  std::vector<std::string> lines = shellLines(tzPrefix + "date -f " + file + " '+" + format + "'");
+  std::remove(file.c_str());
+  return lines;
 }
 
 double toDouble(const std::string& text) { return std::stod(text); }
