@@ -7,6 +7,8 @@
 // their order) and then decodes every caret code in one pass: a decoded character is never "^"
 // nor a hex digit, so no decoding can create or hide another code.
 #include <array>
+#include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "util/replacement_steps.h"
@@ -18,11 +20,17 @@ namespace {
 // Replacement text per byte; nullptr keeps the byte.
 struct CaretMap {
   std::array<const char*, 256> replace{};
+  std::array<uint8_t, 256> length{};  // bytes written for each input byte
 };
 
 constexpr CaretMap makeEscapeMap() {
   CaretMap map{};
-  auto set = [&map](char c, const char* text) { map.replace[static_cast<unsigned char>(c)] = text; };
+  for (auto& length : map.length) length = 1;
+  auto set = [&map](char c, const char* text) {
+    map.replace[static_cast<unsigned char>(c)] = text;
+    map.length[static_cast<unsigned char>(c)] =
+        static_cast<uint8_t>(std::char_traits<char>::length(text));
+  };
   set('\\', "\\\\");
   set('/', "\\/");
   set('\b', "");
@@ -74,45 +82,49 @@ constexpr ReplacementStep kBackslashSteps[] = {{"\\\\", "\\"}, {"\\/", "/"}};
 std::string escapeForToodledo(std::string_view text) { return std::string(text); }
 
 std::string escapeForJSON(std::string_view text) {
-  std::string out;
-  out.reserve(text.size() + text.size() / 4);
-  size_t run = 0;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const char* replacement = kEscapeMap.replace[static_cast<unsigned char>(text[i])];
-    if (replacement == nullptr) continue;
-    out.append(text, run, i - run);
-    out.append(replacement);
-    run = i + 1;
+  // Count first, then fill an exactly sized buffer: no growth and no capacity checks per byte.
+  size_t size = 0;
+  for (char c : text) size += kEscapeMap.length[static_cast<unsigned char>(c)];
+  std::string out(size, '\0');
+  char* p = out.data();
+  for (char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    const char* replacement = kEscapeMap.replace[byte];
+    if (replacement == nullptr) {
+      *p++ = c;
+    } else {
+      for (size_t i = 0; i < kEscapeMap.length[byte]; ++i) *p++ = replacement[i];
+    }
   }
-  out.append(text, run, std::string_view::npos);
   return out;
 }
 
 std::string unescapeForJSON(std::string_view text) {
-  std::string work(text);
-  if (work.find('\\') != std::string::npos) {
-    for (const ReplacementStep& step : kBackslashSteps) applyReplacementStep(work, step);
+  std::string backslashed;
+  if (text.find('\\') != std::string_view::npos) {
+    backslashed.assign(text);
+    for (const ReplacementStep& step : kBackslashSteps) applyReplacementStep(backslashed, step);
+    text = backslashed;
   }
-  size_t caret = work.find('^');
-  if (caret == std::string::npos) return work;
-  std::string out;
-  out.reserve(work.size());
-  size_t run = 0;
-  while (caret != std::string::npos) {
-    if (work.size() - caret >= 3) {
-      const int high = hexValue(work[caret + 1]);
-      const int low = hexValue(work[caret + 2]);
+  // Decoding only shrinks the text: write into a buffer of the input's size and trim it.
+  std::string out(text.size(), '\0');
+  char* p = out.data();
+  size_t i = 0;
+  while (i < text.size()) {
+    const char c = text[i];
+    if (c == '^' && text.size() - i >= 3) {
+      const int high = hexValue(text[i + 1]);
+      const int low = hexValue(text[i + 2]);
       if (high >= 0 && low >= 0 && kDecodable[static_cast<size_t>(high * 16 + low)]) {
-        out.append(work, run, caret - run);
-        out.push_back(static_cast<char>(high * 16 + low));
-        run = caret + 3;
-        caret = work.find('^', run);
+        *p++ = static_cast<char>(high * 16 + low);
+        i += 3;
         continue;
       }
     }
-    caret = work.find('^', caret + 1);
+    *p++ = c;
+    ++i;
   }
-  out.append(work, run, std::string::npos);
+  out.resize(static_cast<size_t>(p - out.data()));
   return out;
 }
 

@@ -39,17 +39,24 @@ constexpr KeepTable kEscapeAllKeep = keepTable("!$'()*-./:=?_~#");
 constexpr KeepTable kUnreservedKeep = keepTable("-_.~");
 
 std::string percentEscape(std::string_view text, const KeepTable& keep) {
-  std::string out;
-  out.reserve(text.size() + text.size() / 4);
-  size_t run = 0;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if (keep[byte]) continue;
-    out.append(text, run, i - run);
-    appendPercentEscape(out, byte);
-    run = i + 1;
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  // Count first, then fill an exactly sized buffer: no growth and no capacity checks per byte.
+  size_t escaped = 0;
+  for (char c : text) escaped += keep[static_cast<unsigned char>(c)] ? 0 : 1;
+  if (escaped == 0) return std::string(text);
+  std::string out(text.size() + 2 * escaped, '\0');
+  char* p = out.data();
+  for (char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (keep[byte]) {
+      *p++ = c;
+    } else {
+      p[0] = '%';
+      p[1] = kHex[byte >> 4];
+      p[2] = kHex[byte & 0xF];
+      p += 3;
+    }
   }
-  out.append(text, run, std::string_view::npos);
   return out;
 }
 

@@ -3,6 +3,7 @@
 #include <unicode/utf8.h>
 
 #include <cstdint>
+#include <cstring>
 
 namespace wdc::utf8 {
 
@@ -27,7 +28,7 @@ bool isValid(std::string_view text) {
     // ASCII runs are the common case; skip them eight bytes at a time.
     while (pos + 8 <= text.size()) {
       uint64_t word;
-      __builtin_memcpy(&word, text.data() + pos, 8);
+      std::memcpy(&word, text.data() + pos, 8);
       if ((word & 0x8080808080808080ULL) != 0) break;
       pos += 8;
     }
