@@ -14,6 +14,7 @@
 #include <memory>
 #include <system_error>
 
+#include "snapshot/utf8_locale.h"
 #include "util/unicode_case.h"
 
 namespace wdc {
@@ -149,6 +150,7 @@ std::string unsafeEntryNameReason(std::string_view name) {
 
 bool extractZipFile(const fs::path& zipPath, const fs::path& destination,
                     const WebDAVZipExtractionLimits& limits, std::string* whyNot) {
+  const ScopedUtf8Locale utf8Names;
   ArchiveReader reader = newZipReader();
   if (archive_read_open_filename(reader.get(), zipPath.c_str(), kReadBlockSize) != ARCHIVE_OK) {
     return fail(whyNot, "cannot open " + zipPath.string() + ": " + archiveMessage(reader.get()));
@@ -158,6 +160,7 @@ bool extractZipFile(const fs::path& zipPath, const fs::path& destination,
 
 bool extractZipBytes(std::span<const uint8_t> zip, const fs::path& destination,
                      const WebDAVZipExtractionLimits& limits, std::string* whyNot) {
+  const ScopedUtf8Locale utf8Names;
   ArchiveReader reader = newZipReader();
   if (archive_read_open_memory(reader.get(), zip.data(), zip.size()) != ARCHIVE_OK) {
     return fail(whyNot, "cannot open archive: " + archiveMessage(reader.get()));

@@ -56,11 +56,15 @@ TEST_F(ZipExtractorTest, WritesNestedFilesAndIndexesThemByLowercaseName) {
                        {"tod/O_1_I_ABC.TOD", Kind::kFile, "first"},
                        {"tod/sub/deeper/b.tod", Kind::kFile, "second"},
                        {"tod/empty.tod", Kind::kFile, ""},
+                       {"tod/Überweisung-ÆØÅ.TOD", Kind::kFile, "utf-8"},
                        {"tod/lonely-dir/", Kind::kDirectory}}))
       << whyNot_;
 
   const auto index = indexExtractedFiles(destination_);
-  ASSERT_EQ(index.size(), 3u);
+  ASSERT_EQ(index.size(), 4u);
+  // Bytes as in the archive whatever the process locale; the key lower-cased beyond ASCII.
+  EXPECT_EQ(index.at("überweisung-æøå.tod"),
+            (destination_ / "tod/Überweisung-ÆØÅ.TOD").string());
   EXPECT_EQ(index.at("o_1_i_abc.tod"), (destination_ / "tod/O_1_I_ABC.TOD").string());
   EXPECT_EQ(textOf(readFileBytes(index.at("o_1_i_abc.tod"))), "first");
   EXPECT_EQ(textOf(readFileBytes(index.at("b.tod"))), "second");
