@@ -109,28 +109,40 @@ void run() {
   const bool haveUnzip = runUnzip(zip, scratch);
   fs::remove_all(scratch);
   if (haveUnzip) {
-    rows.push_back(measure("unzip -qq (process) + delete", [&] {
-      runUnzip(zip, scratch);
-      fs::remove_all(scratch);
-    }, folderBytes, 3.0));
+    rows.push_back(measure(
+        "unzip -qq (process) + delete",
+        [&] {
+          runUnzip(zip, scratch);
+          fs::remove_all(scratch);
+        },
+        folderBytes, 3.0));
   }
-  rows.push_back(measure("libarchive minimal loop + delete", [&] {
-    libarchiveExtract(zip, scratch);
-    fs::remove_all(scratch);
-  }, folderBytes, 3.0));
+  rows.push_back(measure(
+      "libarchive minimal loop + delete",
+      [&] {
+        libarchiveExtract(zip, scratch);
+        fs::remove_all(scratch);
+      },
+      folderBytes, 3.0));
 
   WebDAVDropboxZipSnapshot snapshot;
-  rows.push_back(measure("mark + warm + reset (ours)", [&] {
-    snapshot.markFolder("tod", kRecords);
-    if (!snapshot.warmFolder("tod", zip)) std::fprintf(stderr, "warm failed\n");
-    snapshot.reset();
-  }, folderBytes, 3.0));
+  rows.push_back(measure(
+      "mark + warm + reset (ours)",
+      [&] {
+        snapshot.markFolder("tod", kRecords);
+        if (!snapshot.warmFolder("tod", zip)) std::fprintf(stderr, "warm failed\n");
+        snapshot.reset();
+      },
+      folderBytes, 3.0));
   fs::create_directories(scratch);
   extractZipFile(zip, scratch, {}, nullptr);
-  rows.push_back(measure("  of which: index walk", [&] {
-    auto index = indexExtractedFiles(scratch);
-    doNotOptimize(&index);
-  }, 0, 1.0));
+  rows.push_back(measure(
+      "  of which: index walk",
+      [&] {
+        auto index = indexExtractedFiles(scratch);
+        doNotOptimize(&index);
+      },
+      0, 1.0));
   fs::remove_all(scratch);
   printTable("Extract and index one folder archive (MB/s of record bytes)", rows,
              haveUnzip ? "unzip -qq (process) + delete" : "");

@@ -18,8 +18,8 @@ namespace fs = std::filesystem;
 
 const fs::path& base() {
   static const fs::path path = [] {
-    fs::path p = wdc::Env::current().temporaryDirectory() /
-                 ("wdc-fuzz-zip-" + std::to_string(::getpid()));
+    fs::path p =
+        wdc::Env::current().temporaryDirectory() / ("wdc-fuzz-zip-" + std::to_string(::getpid()));
     fs::create_directories(p);
     return p;
   }();

@@ -4,7 +4,6 @@
 // work runs under this guard, which switches only the calling thread to C.UTF-8.
 #pragma once
 
-#include <clocale>
 #include <locale.h>
 
 namespace wdc {

@@ -90,8 +90,8 @@ bool extractFrom(archive* reader, const fs::path& destination,
     if (r == ARCHIVE_EOF) break;
     if (r < ARCHIVE_WARN) return fail(whyNot, "unreadable archive: " + archiveMessage(reader));
     if (++entries > limits.maxEntries) {
-      return fail(whyNot, "archive holds more than " + std::to_string(limits.maxEntries) +
-                              " entries");
+      return fail(whyNot,
+                  "archive holds more than " + std::to_string(limits.maxEntries) + " entries");
     }
     // Names are taken as UTF-8 bytes, whatever the process locale, and written as such.
     const char* utf8 = archive_entry_pathname_utf8(entry);
@@ -107,8 +107,8 @@ bool extractFrom(archive* reader, const fs::path& destination,
     }
     if (archive_entry_size_is_set(entry) != 0 && archive_entry_size(entry) > 0 &&
         static_cast<uint64_t>(archive_entry_size(entry)) > limits.maxTotalBytes - totalBytes) {
-      return fail(whyNot, "archive holds more than " + std::to_string(limits.maxTotalBytes) +
-                              " bytes");
+      return fail(whyNot,
+                  "archive holds more than " + std::to_string(limits.maxTotalBytes) + " bytes");
     }
 
     archive_entry_copy_pathname(entry, (prefix + name).c_str());

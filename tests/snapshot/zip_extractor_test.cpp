@@ -63,8 +63,7 @@ TEST_F(ZipExtractorTest, WritesNestedFilesAndIndexesThemByLowercaseName) {
   const auto index = indexExtractedFiles(destination_);
   ASSERT_EQ(index.size(), 4u);
   // Bytes as in the archive whatever the process locale; the key lower-cased beyond ASCII.
-  EXPECT_EQ(index.at("überweisung-æøå.tod"),
-            (destination_ / "tod/Überweisung-ÆØÅ.TOD").string());
+  EXPECT_EQ(index.at("überweisung-æøå.tod"), (destination_ / "tod/Überweisung-ÆØÅ.TOD").string());
   EXPECT_EQ(index.at("o_1_i_abc.tod"), (destination_ / "tod/O_1_I_ABC.TOD").string());
   EXPECT_EQ(textOf(readFileBytes(index.at("o_1_i_abc.tod"))), "first");
   EXPECT_EQ(textOf(readFileBytes(index.at("b.tod"))), "second");
@@ -161,8 +160,7 @@ TEST_F(ZipExtractorTest, DamagedOrForeignArchivesFailWithAReason) {
   for (uint32_t i = 0, x = 1; i < 5000; ++i, x = x * 1103515245 + 12345) {
     noisy += static_cast<char>('a' + (x >> 16) % 26);
   }
-  auto zip = buildZipArchive({{"a.tod", Kind::kFile, noisy},
-                              {"b.tod", Kind::kFile, "tail"}});
+  auto zip = buildZipArchive({{"a.tod", Kind::kFile, noisy}, {"b.tod", Kind::kFile, "tail"}});
   ASSERT_TRUE(zip);
   struct Case {
     std::string what;
