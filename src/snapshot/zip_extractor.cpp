@@ -65,7 +65,10 @@ bool copyData(archive* reader, archive* disk, const std::string& name, uint64_t 
     if (*totalBytes > maxTotalBytes) {
       return fail(whyNot, "archive holds more than " + std::to_string(maxTotalBytes) + " bytes");
     }
-    if (archive_write_data_block(disk, block, size, offset) < ARCHIVE_WARN) {
+    // A warning means the data ran past the size the header declared. Never carry on after it:
+    // libarchive 3.6 computes the next block's length as (declared size - offset), which wraps
+    // around once the offset is past the declared size, and writes from beyond the buffer.
+    if (archive_write_data_block(disk, block, size, offset) < ARCHIVE_OK) {
       return fail(whyNot, "cannot write " + name + ": " + archiveMessage(disk));
     }
   }
@@ -112,6 +115,10 @@ bool extractFrom(archive* reader, const fs::path& destination,
     }
 
     archive_entry_copy_pathname(entry, (prefix + name).c_str());
+    // Without a declared size the disk writer neither cuts the data short nor pads the file out
+    // to the declared length (a sparse file of any size): the file holds exactly what was
+    // written, and that is what the byte budget counts.
+    archive_entry_unset_size(entry);
     // Modes from the archive are not trusted: an unreadable directory could not be cleaned up.
     archive_entry_set_perm(entry, type == AE_IFDIR ? 0755 : 0644);
     if (archive_write_header(disk.get(), entry) < ARCHIVE_WARN) {
