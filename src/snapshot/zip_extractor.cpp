@@ -65,9 +65,10 @@ bool copyData(archive* reader, archive* disk, const std::string& name, uint64_t 
     if (*totalBytes > maxTotalBytes) {
       return fail(whyNot, "archive holds more than " + std::to_string(maxTotalBytes) + " bytes");
     }
-    // A warning means the data ran past the size the header declared. Never carry on after it:
-    // libarchive 3.6 computes the next block's length as (declared size - offset), which wraps
-    // around once the offset is past the declared size, and writes from beyond the buffer.
+    // Stop at the first warning. Given a declared size, libarchive 3.6 cuts a block that runs
+    // past it with a warning, then takes (declared size - offset) as the next block's length,
+    // which wraps around and writes from beyond the buffer. The size is unset before the header
+    // is written (below); this check stays as the second guard.
     if (archive_write_data_block(disk, block, size, offset) < ARCHIVE_OK) {
       return fail(whyNot, "cannot write " + name + ": " + archiveMessage(disk));
     }
