@@ -60,8 +60,8 @@ using WebDAVZipProvider = std::function<std::optional<std::string>()>;
 
 // The cache. The library uses one instance, sharedSnapshot(); separate instances are independent
 // (tests and tools may make their own). Folder arguments are normalized first (normalizedFolder).
-// Thread-safe: any thread may call any operation. The lock is never held while the provider runs
-// or while files are extracted or deleted.
+// The lock is never held while the provider runs or while files are extracted or deleted.
+// Thread-safe: any thread may call any operation; warmPendingFolder blocks.
 class WebDAVDropboxZipSnapshot {
  public:
   explicit WebDAVDropboxZipSnapshot(WebDAVZipExtractionLimits limits = {});

@@ -14,6 +14,7 @@
 #include <memory>
 #include <system_error>
 
+#include "snapshot/utf8_locale.h"
 #include "util/unicode_case.h"
 
 namespace wdc {
@@ -64,7 +65,11 @@ bool copyData(archive* reader, archive* disk, const std::string& name, uint64_t 
     if (*totalBytes > maxTotalBytes) {
       return fail(whyNot, "archive holds more than " + std::to_string(maxTotalBytes) + " bytes");
     }
-    if (archive_write_data_block(disk, block, size, offset) < ARCHIVE_WARN) {
+    // Stop at the first warning. Given a declared size, libarchive 3.6 cuts a block that runs
+    // past it with a warning, then takes (declared size - offset) as the next block's length,
+    // which wraps around and writes from beyond the buffer. The size is unset before the header
+    // is written (below); this check stays as the second guard.
+    if (archive_write_data_block(disk, block, size, offset) < ARCHIVE_OK) {
       return fail(whyNot, "cannot write " + name + ": " + archiveMessage(disk));
     }
   }
@@ -89,8 +94,8 @@ bool extractFrom(archive* reader, const fs::path& destination,
     if (r == ARCHIVE_EOF) break;
     if (r < ARCHIVE_WARN) return fail(whyNot, "unreadable archive: " + archiveMessage(reader));
     if (++entries > limits.maxEntries) {
-      return fail(whyNot, "archive holds more than " + std::to_string(limits.maxEntries) +
-                              " entries");
+      return fail(whyNot,
+                  "archive holds more than " + std::to_string(limits.maxEntries) + " entries");
     }
     // Names are taken as UTF-8 bytes, whatever the process locale, and written as such.
     const char* utf8 = archive_entry_pathname_utf8(entry);
@@ -106,11 +111,15 @@ bool extractFrom(archive* reader, const fs::path& destination,
     }
     if (archive_entry_size_is_set(entry) != 0 && archive_entry_size(entry) > 0 &&
         static_cast<uint64_t>(archive_entry_size(entry)) > limits.maxTotalBytes - totalBytes) {
-      return fail(whyNot, "archive holds more than " + std::to_string(limits.maxTotalBytes) +
-                              " bytes");
+      return fail(whyNot,
+                  "archive holds more than " + std::to_string(limits.maxTotalBytes) + " bytes");
     }
 
     archive_entry_copy_pathname(entry, (prefix + name).c_str());
+    // Without a declared size the disk writer neither cuts the data short nor pads the file out
+    // to the declared length (a sparse file of any size): the file holds exactly what was
+    // written, and that is what the byte budget counts.
+    archive_entry_unset_size(entry);
     // Modes from the archive are not trusted: an unreadable directory could not be cleaned up.
     archive_entry_set_perm(entry, type == AE_IFDIR ? 0755 : 0644);
     if (archive_write_header(disk.get(), entry) < ARCHIVE_WARN) {
@@ -149,6 +158,7 @@ std::string unsafeEntryNameReason(std::string_view name) {
 
 bool extractZipFile(const fs::path& zipPath, const fs::path& destination,
                     const WebDAVZipExtractionLimits& limits, std::string* whyNot) {
+  const ScopedUtf8Locale utf8Names;
   ArchiveReader reader = newZipReader();
   if (archive_read_open_filename(reader.get(), zipPath.c_str(), kReadBlockSize) != ARCHIVE_OK) {
     return fail(whyNot, "cannot open " + zipPath.string() + ": " + archiveMessage(reader.get()));
@@ -158,6 +168,7 @@ bool extractZipFile(const fs::path& zipPath, const fs::path& destination,
 
 bool extractZipBytes(std::span<const uint8_t> zip, const fs::path& destination,
                      const WebDAVZipExtractionLimits& limits, std::string* whyNot) {
+  const ScopedUtf8Locale utf8Names;
   ArchiveReader reader = newZipReader();
   if (archive_read_open_memory(reader.get(), zip.data(), zip.size()) != ARCHIVE_OK) {
     return fail(whyNot, "cannot open archive: " + archiveMessage(reader.get()));

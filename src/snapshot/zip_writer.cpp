@@ -1,3 +1,4 @@
+// ZIP writing over libarchive's writer, into memory through a write callback.
 #include "snapshot/zip_writer.h"
 
 #include <archive.h>
@@ -5,6 +6,8 @@
 
 #include <fstream>
 #include <memory>
+
+#include "snapshot/utf8_locale.h"
 
 namespace wdc {
 namespace {
@@ -26,11 +29,14 @@ la_ssize_t appendToBytes(archive* /*a*/, void* clientData, const void* buffer, s
 }  // namespace
 
 std::optional<Bytes> buildZipArchive(const std::vector<ZipWriterEntry>& entries, bool store) {
+  const ScopedUtf8Locale utf8Names;
   Bytes out;
   std::unique_ptr<archive, WriterCloser> writer(archive_write_new());
   archive* a = writer.get();
   if (archive_write_set_format_zip(a) != ARCHIVE_OK) return std::nullopt;
   archive_write_set_options(a, store ? "zip:compression=store" : "zip:compression=deflate");
+  // Names are UTF-8 and flagged as such, as the store's folder archives are.
+  archive_write_set_options(a, "zip:hdrcharset=UTF-8");
   // No padding after the central directory: the archive ends where its last record does.
   archive_write_set_bytes_in_last_block(a, 1);
   if (archive_write_open(a, &out, nullptr, appendToBytes, nullptr) != ARCHIVE_OK) {

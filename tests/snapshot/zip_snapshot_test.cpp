@@ -140,7 +140,8 @@ TEST_F(ZipSnapshotTest, AFailedWarmSticksWithoutRetryingUntilTheFolderIsMarkedAg
   const std::vector<Case> cases = {
       {"only directories", zipFile({{"tod/", Kind::kDirectory}, {"tod/sub/", Kind::kDirectory}})},
       {"hostile entry", zipFile({{"tod/a.tod", Kind::kFile, "a"}, {"../b.tod", Kind::kFile, "b"}})},
-      {"not a zip", [this] {
+      {"not a zip",
+       [this] {
          const fs::path path = env_.temporaryDirectory() / "garbage.zip";
          test::writeFileBytes(path, test::bytesOf("PK\x03\x04 but nothing after"));
          return path.string();
@@ -174,8 +175,9 @@ TEST_F(ZipSnapshotTest, ExtractsOnlyIntoAPrivateSnapshotsDirectory) {
   fs::permissions(snapshotsDir_, fs::perms::all);
   ASSERT_TRUE(snapshot_.markFolder("tod", 25));
   ASSERT_TRUE(snapshot_.warmFolder("tod", recordsZip(25)));
-  EXPECT_EQ(fs::status(snapshotsDir_).permissions() & (fs::perms::group_all | fs::perms::others_all),
-            fs::perms::none);
+  EXPECT_EQ(
+      fs::status(snapshotsDir_).permissions() & (fs::perms::group_all | fs::perms::others_all),
+      fs::perms::none);
 
   // A link in its place could send the files anywhere: refused.
   snapshot_.reset();
@@ -214,9 +216,8 @@ TEST_F(ZipSnapshotTest, ConcurrentWarmsOfOneFolderCallTheProviderOnce) {
       return zip;
     };
 
-    auto first = std::async(std::launch::async, [&] {
-      return snapshot_.warmPendingFolder("tod", provider);
-    });
+    auto first = std::async(std::launch::async,
+                            [&] { return snapshot_.warmPendingFolder("tod", provider); });
     entered.get_future().wait();  // the first warm now holds the folder
     std::atomic<int> started{0};
     std::vector<std::future<bool>> others;
