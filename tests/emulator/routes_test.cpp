@@ -212,6 +212,21 @@ TEST_F(RoutesTest, HeaderArgumentsDecodeEscapesAndResultsComeBackEscaped) {
   EXPECT_EQ(down.body, "hi");
 }
 
+TEST_F(RoutesTest, DownloadHonoursRangeAndZipRefusesIt) {
+  emulator_->putFile("/Top/a.txt", "0123456789");
+  const HttpReply part = client_->post(
+      "files/download",
+      {"Authorization: Bearer T", "Dropbox-API-Arg: {\"path\": \"/Top/a.txt\"}", "Range: bytes=2-4"},
+      nullptr);
+  EXPECT_EQ(part.status, 206);
+  EXPECT_EQ(part.body, "234");
+  const HttpReply zip = client_->post(
+      "files/download_zip",
+      {"Authorization: Bearer T", "Dropbox-API-Arg: {\"path\": \"/Top\"}", "Range: bytes=0-1"},
+      nullptr);
+  EXPECT_EQ(zip.status, 400);
+}
+
 TEST_F(RoutesTest, UploadChecksASuppliedContentHash) {
   const HttpReply wrong = client_->upload(
       "files/upload", Json{{"path", "/a"}, {"content_hash", std::string(64, '0')}}.dump(), "abc");
