@@ -71,6 +71,11 @@ struct FaultRule {
   std::optional<uint64_t> count{};
 };
 
+// Two pseudo-routes reach single entries of a batch commit instead of requests: a 429w rule on
+// "files/upload_session/finish_batch/entry" or "files/delete_batch/entry" makes the entries it
+// hits fail with too_many_write_operations inside an otherwise complete result ("*" rules never
+// apply to entries).
+//
 // Parses `ROUTE:KIND[:ARG][@P][#N]`, e.g. "*:429:1@0.1", "files/download:drop@0.05",
 // "files/download:429:2#3" (the next three downloads answer 429 with Retry-After 2),
 // "files/upload:429" (a 429 that states no back-off), "files/upload:429:2b" (body only).

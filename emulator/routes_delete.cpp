@@ -46,6 +46,11 @@ Json runDeleteBatch(Emulator::Impl& impl, const Json& entries) {
       results.push_back(Json{{".tag", "failure"}, {"failure", nestedTag("path_lookup", "malformed_path")}});
       continue;
     }
+    const FaultDecision fault = impl.faults.decide("files/delete_batch/entry", false);
+    if (fault.fault && fault.fault->kind == FaultKind::kTooManyWriteOperations) {
+      results.push_back(Json{{".tag", "failure"}, {"failure", tag("too_many_write_operations")}});
+      continue;
+    }
     auto [metadata, error] = deleteOne(impl, deleteArgs);
     if (metadata) {
       results.push_back(Json{{".tag", "success"}, {"metadata", std::move(*metadata)}});

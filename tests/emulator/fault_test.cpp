@@ -117,6 +117,14 @@ TEST(FaultInjector, ProbabilityDrawsAreReproducibleFromTheSeed) {
   EXPECT_LT(count, 600);
 }
 
+TEST(FaultInjector, WildcardRulesSkipBatchEntries) {
+  FaultInjector injector(1);
+  injector.add(FaultRule{.route = "*", .kind = FaultKind::kTooManyWriteOperations, .count = 1});
+  EXPECT_FALSE(injector.decide("files/delete_batch/entry", /*wildcard=*/false).fault);
+  // The wildcard rule kept its one shot for a real request.
+  EXPECT_TRUE(injector.decide("files/delete_v2").fault);
+}
+
 TEST(FaultInjector, ClearRemovesEveryRule) {
   FaultInjector injector(1);
   injector.add(FaultRule{.route = "*", .kind = FaultKind::kInternalError});

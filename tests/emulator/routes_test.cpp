@@ -280,6 +280,38 @@ TEST_F(RoutesTest, AsyncJobsCommitOnlyWhenComplete) {
             "invalid_async_job_id");
 }
 
+TEST_F(RoutesTest, EntryFaultsFailSingleEntriesOfACompleteBatch) {
+  emulator_->putFile("/a", "1");
+  emulator_->putFile("/b", "2");
+  emulator_->addFault(*parseFaultSpec("files/delete_batch/entry:429w#1"));
+  const std::string job = json(client_->rpc("files/delete_batch",
+                                            R"({"entries": [{"path": "/a"}, {"path": "/b"}]})"))
+      ["async_job_id"];
+  const std::string poll = Json{{"async_job_id", job}}.dump();
+  client_->rpc("files/delete_batch/check", poll);
+  const Json done = json(client_->rpc("files/delete_batch/check", poll));
+  ASSERT_EQ(done[".tag"], "complete");
+  EXPECT_EQ(done["entries"][0]["failure"][".tag"], "too_many_write_operations");
+  EXPECT_EQ(done["entries"][1][".tag"], "success");
+  EXPECT_TRUE(emulator_->lookup("/a"));
+  EXPECT_FALSE(emulator_->lookup("/b"));
+
+  emulator_->addFault(*parseFaultSpec("files/upload_session/finish_batch/entry:429w#1"));
+  const std::string sid =
+      json(client_->upload("files/upload_session/start", R"({"close": true})", "x"))["session_id"];
+  const std::string finish =
+      Json{{"entries",
+            {{{"cursor", {{"session_id", sid}, {"offset", 1}}}, {"commit", {{"path", "/c"}}}}}}}
+          .dump();
+  EXPECT_EQ(json(client_->rpc("files/upload_session/finish_batch_v2", finish))["entries"][0]
+                ["failure"][".tag"],
+            "too_many_write_operations");
+  // The session is still there: the retry commits it.
+  EXPECT_EQ(json(client_->rpc("files/upload_session/finish_batch_v2", finish))["entries"][0]
+                [".tag"],
+            "success");
+}
+
 // Reads every entry name and size of a ZIP with libarchive.
 std::vector<std::pair<std::string, int64_t>> zipEntries(const std::string& bytes) {
   std::vector<std::pair<std::string, int64_t>> entries;
