@@ -1,7 +1,8 @@
 // A loopback server speaking the Dropbox HTTP API v2, for tests and benchmarks.
 //
 // One listener on 127.0.0.1 serves the api routes, the content routes and oauth2/token, over plain
-// HTTP or over TLS with a self-signed certificate made at start. The store lives in memory
+// HTTP or over TLS with a self-signed certificate made at the first start and kept across
+// restarts (so is the port, when it was picked freely). The store lives in memory
 // (optionally mirrored to a directory); a change journal backs list_folder cursors. Faults can be
 // injected per route or for every route ("*"), by probability with a seed or for the next N
 // matching requests, and every request is counted per route so a test can assert what was asked.
