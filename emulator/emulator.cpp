@@ -86,7 +86,10 @@ Emulator::Impl::Impl(EmulatorOptions emulatorOptions)
     : options(std::move(emulatorOptions)),
       faults(options.faultSeed),
       store(options.mirrorDirectory),
-      accessTokenLifetime(options.accessTokenLifetime) {}
+      accessTokenLifetime(options.accessTokenLifetime),
+      batchCheckPolls(options.batchCheckPolls),
+      zipMaxEntries(options.zipMaxEntries),
+      zipMaxBytes(options.zipMaxBytes) {}
 
 Emulator::Impl::~Impl() = default;
 
@@ -393,6 +396,17 @@ std::vector<std::string> Emulator::listPaths() const {
 void Emulator::setAccessTokenLifetime(std::chrono::seconds lifetime) {
   std::lock_guard lock(impl_->mutex);
   impl_->accessTokenLifetime = lifetime;
+}
+
+void Emulator::setBatchCheckPolls(uint32_t polls) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->batchCheckPolls = polls;
+}
+
+void Emulator::setDownloadZipLimits(uint64_t maxEntries, uint64_t maxBytes) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->zipMaxEntries = maxEntries;
+  impl_->zipMaxBytes = maxBytes;
 }
 
 void Emulator::expireAccessTokens(bool includeConfigured) {

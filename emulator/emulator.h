@@ -181,6 +181,10 @@ class Emulator {
   // Every live path below the root, display form, sorted by lower-cased path.
   [[nodiscard]] std::vector<std::string> listPaths() const;
 
+  // The options of the same names, for jobs launched and ZIPs asked for from now on.
+  void setBatchCheckPolls(uint32_t polls);
+  void setDownloadZipLimits(uint64_t maxEntries, uint64_t maxBytes);
+
   // Tokens. Access tokens issued from now on by oauth2/token live this long.
   void setAccessTokenLifetime(std::chrono::seconds lifetime);
   // Every access token issued so far by oauth2/token is expired from now on (401

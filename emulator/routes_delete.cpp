@@ -104,7 +104,7 @@ void handleDeleteBatch(Emulator::Impl& impl, Exchange& exchange, const Json& arg
   std::lock_guard lock(impl.mutex);
   if (impl.runningWriteJob) return replyWriteContention(exchange);
   const std::string jobId = impl.newJobId();
-  impl.jobs[jobId] = BatchJob{BatchJob::kDelete, *entries, impl.options.batchCheckPolls, {}};
+  impl.jobs[jobId] = BatchJob{BatchJob::kDelete, *entries, impl.batchCheckPolls, {}};
   impl.runningWriteJob = jobId;
   exchange.replyJson(Json{{".tag", "async_job_id"}, {"async_job_id", jobId}});
 }

@@ -211,7 +211,7 @@ void handleFinishBatch(Emulator::Impl& impl, Exchange& exchange, const Json& arg
   // One commit at a time per account: a second one while a job runs is write contention.
   if (impl.runningWriteJob) return replyWriteContention(exchange);
   const std::string jobId = impl.newJobId();
-  impl.jobs[jobId] = BatchJob{BatchJob::kFinish, *entries, impl.options.batchCheckPolls, {}};
+  impl.jobs[jobId] = BatchJob{BatchJob::kFinish, *entries, impl.batchCheckPolls, {}};
   impl.runningWriteJob = jobId;
   exchange.replyJson(Json{{".tag", "async_job_id"}, {"async_job_id", jobId}});
 }
