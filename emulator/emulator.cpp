@@ -7,6 +7,7 @@
 #include "emulator/emulator_impl.h"
 #include "emulator/listener.h"
 #include "platform/env.h"
+#include "webdavconnect/data_codecs.h"
 
 namespace wdc::emu {
 namespace {
@@ -85,7 +86,10 @@ Emulator::Impl::Impl(EmulatorOptions emulatorOptions)
     : options(std::move(emulatorOptions)),
       faults(options.faultSeed),
       store(options.mirrorDirectory),
-      accessTokenLifetime(options.accessTokenLifetime) {}
+      accessTokenLifetime(options.accessTokenLifetime),
+      batchCheckPolls(options.batchCheckPolls),
+      zipMaxEntries(options.zipMaxEntries),
+      zipMaxBytes(options.zipMaxBytes) {}
 
 Emulator::Impl::~Impl() = default;
 
@@ -152,25 +156,8 @@ bool Emulator::Impl::checkAppAuth(Exchange& exchange) {
     return false;
   }
   if (options.appKey.empty() && options.appSecret.empty()) return true;
-  std::string decoded;
-  {
-    // Base64 of "key:secret"; a mismatch is all that matters, so decode leniently.
-    static constexpr std::string_view kAlphabet =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    uint32_t buffer = 0;
-    int bits = 0;
-    for (char c : std::string_view(header).substr(6)) {
-      const size_t value = kAlphabet.find(c);
-      if (value == std::string_view::npos) continue;
-      buffer = (buffer << 6) | static_cast<uint32_t>(value);
-      bits += 6;
-      if (bits >= 8) {
-        bits -= 8;
-        decoded.push_back(static_cast<char>((buffer >> bits) & 0xff));
-      }
-    }
-  }
-  if (decoded != options.appKey + ":" + options.appSecret) {
+  const Bytes decoded = base64Decoded(Bytes(header.begin() + 6, header.end()));
+  if (std::string(decoded.begin(), decoded.end()) != options.appKey + ":" + options.appSecret) {
     exchange.replyAuthError("invalid_access_token");
     return false;
   }
@@ -419,6 +406,17 @@ std::vector<std::string> Emulator::listPaths() const {
 void Emulator::setAccessTokenLifetime(std::chrono::seconds lifetime) {
   std::lock_guard lock(impl_->mutex);
   impl_->accessTokenLifetime = lifetime;
+}
+
+void Emulator::setBatchCheckPolls(uint32_t polls) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->batchCheckPolls = polls;
+}
+
+void Emulator::setDownloadZipLimits(uint64_t maxEntries, uint64_t maxBytes) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->zipMaxEntries = maxEntries;
+  impl_->zipMaxBytes = maxBytes;
 }
 
 void Emulator::expireAccessTokens(bool includeConfigured) {

@@ -1,7 +1,8 @@
 // A loopback server speaking the Dropbox HTTP API v2, for tests and benchmarks.
 //
 // One listener on 127.0.0.1 serves the api routes, the content routes and oauth2/token, over plain
-// HTTP or over TLS with a self-signed certificate made at start. The store lives in memory
+// HTTP or over TLS with a self-signed certificate made at the first start and kept across
+// restarts (so is the port, when it was picked freely). The store lives in memory
 // (optionally mirrored to a directory); a change journal backs list_folder cursors. Faults can be
 // injected per route or for every route ("*"), by probability with a seed or for the next N
 // matching requests, and every request is counted per route so a test can assert what was asked.
@@ -72,6 +73,11 @@ struct FaultRule {
   std::optional<uint64_t> count{};
 };
 
+// Two pseudo-routes reach single entries of a batch commit instead of requests: a 429w rule on
+// "files/upload_session/finish_batch/entry" or "files/delete_batch/entry" makes the entries it
+// hits fail with too_many_write_operations inside an otherwise complete result ("*" rules never
+// apply to entries).
+//
 // Parses `ROUTE:KIND[:ARG][@P][#N]`, e.g. "*:429:1@0.1", "files/download:drop@0.05",
 // "files/download:429:2#3" (the next three downloads answer 429 with Retry-After 2),
 // "files/upload:429" (a 429 that states no back-off), "files/upload:429:2b" (body only).
@@ -180,6 +186,10 @@ class Emulator {
   [[nodiscard]] std::optional<EntryInfo> lookup(std::string_view path) const;
   // Every live path below the root, display form, sorted by lower-cased path.
   [[nodiscard]] std::vector<std::string> listPaths() const;
+
+  // The options of the same names, for jobs launched and ZIPs asked for from now on.
+  void setBatchCheckPolls(uint32_t polls);
+  void setDownloadZipLimits(uint64_t maxEntries, uint64_t maxBytes);
 
   // Tokens. Access tokens issued from now on by oauth2/token live this long.
   void setAccessTokenLifetime(std::chrono::seconds lifetime);

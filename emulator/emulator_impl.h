@@ -92,6 +92,9 @@ struct Emulator::Impl {
   std::set<std::string, std::less<>> migratedTokens;
   bool configuredTokenExpired = false;
   std::chrono::seconds accessTokenLifetime;
+  uint32_t batchCheckPolls;
+  uint64_t zipMaxEntries;
+  uint64_t zipMaxBytes;
   uint64_t tokenCounter = 0;
   std::map<std::string, CursorState, std::less<>> cursors;
   uint64_t cursorCounter = 0;

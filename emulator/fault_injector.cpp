@@ -16,13 +16,13 @@ void FaultInjector::clear() {
   slots_.clear();
 }
 
-FaultDecision FaultInjector::decide(std::string_view route) {
+FaultDecision FaultInjector::decide(std::string_view route, bool wildcard) {
   FaultDecision decision;
   std::lock_guard lock(mutex_);
   for (Slot& slot : slots_) {
     if (slot.remaining == 0) continue;
     const FaultRule& rule = slot.rule;
-    if (rule.route != "*" && rule.route != route) continue;
+    if (rule.route == "*" ? !wildcard : rule.route != route) continue;
     if (rule.kind == FaultKind::kReset && route != "files/list_folder/continue") continue;
     if (decision.fault && rule.kind != FaultKind::kLatency) continue;
     if (rule.probability < 1.0) {

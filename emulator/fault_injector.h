@@ -26,8 +26,9 @@ class FaultInjector {
   void add(FaultRule rule);
   void clear();
   // Draws for each matching rule in order; a scripted rule used up by this request retires.
-  // kReset rules only match list_folder/continue.
-  FaultDecision decide(std::string_view route);
+  // kReset rules only match list_folder/continue. `wildcard` false: "*" rules do not match
+  // (for the per-entry pseudo-routes of batch commits).
+  FaultDecision decide(std::string_view route, bool wildcard = true);
 
  private:
   struct Slot {

@@ -138,6 +138,15 @@ bool Listener::start(bool tls, uint16_t port, std::string* error) {
       exchange.apiArg = request.get_param_value("arg");
     }
     const std::optional<FaultKind> transportFault = impl_.serve(exchange);
+    if (!request.ranges.empty() && exchange.status == 200) {
+      // cpp-httplib cuts the body to the range itself; only files/download offers ranges.
+      if (exchange.route == "files/download") {
+        exchange.status = 206;
+      } else {
+        exchange.replyHeaders.clear();
+        exchange.replyBadInput("HTTP header \"Range\" is not supported by this route.");
+      }
+    }
     response.status = exchange.status;
     response.set_header("X-Dropbox-Request-Id",
                         "emu" + std::to_string(++state_->requestIds));
@@ -188,9 +197,13 @@ bool Listener::start(bool tls, uint16_t port, std::string* error) {
     return false;
   }
   state_->port = static_cast<uint16_t>(bound);
-  state_->thread = std::thread([&server] { server.listen_after_bind(); });
+  auto finished = std::make_shared<std::atomic<bool>>(false);
+  state_->thread = std::thread([&server, finished] {
+    server.listen_after_bind();
+    *finished = true;
+  });
   // stop() only takes effect once the loop runs; wait for it so a quick stop cannot be lost.
-  while (!server.is_running()) std::this_thread::yield();
+  while (!server.is_running() && !*finished) std::this_thread::yield();
   return true;
 }
 

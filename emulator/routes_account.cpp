@@ -1,5 +1,7 @@
 // users/get_current_account, and the token routes: oauth2/token (refresh) and
 // auth/token/from_oauth1 (legacy migration).
+#include <httplib.h>
+
 #include <cstdio>
 
 #include "emulator/emulator_impl.h"
@@ -8,41 +10,11 @@
 namespace wdc::emu {
 namespace {
 
-// "a=b&c=d" with %XX and '+' decoded.
-std::map<std::string, std::string> parseForm(std::string_view body) {
-  auto decode = [](std::string_view text) {
-    std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-      if (text[i] == '+') {
-        out.push_back(' ');
-      } else if (text[i] == '%' && i + 2 < text.size()) {
-        unsigned value = 0;
-        if (std::sscanf(std::string(text.substr(i + 1, 2)).c_str(), "%2x", &value) == 1) {
-          out.push_back(static_cast<char>(value));
-          i += 2;
-        } else {
-          out.push_back('%');
-        }
-      } else {
-        out.push_back(text[i]);
-      }
-    }
-    return out;
-  };
-  std::map<std::string, std::string> form;
-  size_t start = 0;
-  while (start <= body.size()) {
-    size_t end = body.find('&', start);
-    if (end == std::string_view::npos) end = body.size();
-    const std::string_view pair = body.substr(start, end - start);
-    const size_t equals = pair.find('=');
-    if (!pair.empty()) {
-      form[decode(pair.substr(0, equals))] =
-          equals == std::string_view::npos ? std::string() : decode(pair.substr(equals + 1));
-    }
-    start = end + 1;
-  }
-  return form;
+// The form fields of an application/x-www-form-urlencoded body ('+' and %XX decoded).
+std::map<std::string, std::string> parseForm(const std::string& body) {
+  httplib::Params params;
+  httplib::detail::parse_query_text(body, params);
+  return std::map<std::string, std::string>(params.begin(), params.end());
 }
 
 }  // namespace

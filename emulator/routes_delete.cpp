@@ -46,6 +46,11 @@ Json runDeleteBatch(Emulator::Impl& impl, const Json& entries) {
       results.push_back(Json{{".tag", "failure"}, {"failure", nestedTag("path_lookup", "malformed_path")}});
       continue;
     }
+    const FaultDecision fault = impl.faults.decide("files/delete_batch/entry", false);
+    if (fault.fault && fault.fault->kind == FaultKind::kTooManyWriteOperations) {
+      results.push_back(Json{{".tag", "failure"}, {"failure", tag("too_many_write_operations")}});
+      continue;
+    }
     auto [metadata, error] = deleteOne(impl, deleteArgs);
     if (metadata) {
       results.push_back(Json{{".tag", "success"}, {"metadata", std::move(*metadata)}});
@@ -99,7 +104,7 @@ void handleDeleteBatch(Emulator::Impl& impl, Exchange& exchange, const Json& arg
   std::lock_guard lock(impl.mutex);
   if (impl.runningWriteJob) return replyWriteContention(exchange);
   const std::string jobId = impl.newJobId();
-  impl.jobs[jobId] = BatchJob{BatchJob::kDelete, *entries, impl.options.batchCheckPolls, {}};
+  impl.jobs[jobId] = BatchJob{BatchJob::kDelete, *entries, impl.batchCheckPolls, {}};
   impl.runningWriteJob = jobId;
   exchange.replyJson(Json{{".tag", "async_job_id"}, {"async_job_id", jobId}});
 }

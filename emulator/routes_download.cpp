@@ -51,7 +51,7 @@ void handleDownloadZip(Emulator::Impl& impl, Exchange& exchange, const Json& arg
     const std::string folderLower = Store::lowerPath(folder->pathDisplay);
     const std::vector<const StoredEntry*> descendants = impl.store.list(folderLower, true);
     // The archive's own top folder counts as an entry.
-    if (descendants.size() + 1 > impl.options.zipMaxEntries) {
+    if (descendants.size() + 1 > impl.zipMaxEntries) {
       return exchange.replyRouteError(tag("too_many_files"));
     }
     uint64_t totalBytes = 0;
@@ -59,7 +59,7 @@ void handleDownloadZip(Emulator::Impl& impl, Exchange& exchange, const Json& arg
       if (entry->size() >= kMaxZipFileBytes) return exchange.replyRouteError(tag("too_large"));
       totalBytes += entry->size();
     }
-    if (totalBytes > impl.options.zipMaxBytes) return exchange.replyRouteError(tag("too_large"));
+    if (totalBytes > impl.zipMaxBytes) return exchange.replyRouteError(tag("too_large"));
 
     const std::string topName = folder->pathDisplay.substr(folder->pathDisplay.rfind('/') + 1);
     items.push_back(ZipItem{topName + "/", {}, folder->serverModified});

@@ -57,6 +57,11 @@ Json finishOne(Emulator::Impl& impl, const Json& item) {
   }
   auto failure = [](Json error) { return Json{{".tag", "failure"}, {"failure", std::move(error)}}; };
   if (!args.ok()) return failure(nestedTag("lookup_failed", "not_found"));
+  const FaultDecision fault = impl.faults.decide("files/upload_session/finish_batch/entry", false);
+  if (fault.fault && fault.fault->kind == FaultKind::kTooManyWriteOperations) {
+    // The session survives, so the client can commit the file again.
+    return failure(tag("too_many_write_operations"));
+  }
   const auto session = impl.sessions.find(sessionId);
   if (session == impl.sessions.end()) return failure(nestedTag("lookup_failed", "not_found"));
   if (offset != session->second.data.size()) {
@@ -206,7 +211,7 @@ void handleFinishBatch(Emulator::Impl& impl, Exchange& exchange, const Json& arg
   // One commit at a time per account: a second one while a job runs is write contention.
   if (impl.runningWriteJob) return replyWriteContention(exchange);
   const std::string jobId = impl.newJobId();
-  impl.jobs[jobId] = BatchJob{BatchJob::kFinish, *entries, impl.options.batchCheckPolls, {}};
+  impl.jobs[jobId] = BatchJob{BatchJob::kFinish, *entries, impl.batchCheckPolls, {}};
   impl.runningWriteJob = jobId;
   exchange.replyJson(Json{{".tag", "async_job_id"}, {"async_job_id", jobId}});
 }

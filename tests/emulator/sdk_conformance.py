@@ -288,6 +288,11 @@ def main():
         return 0
     wdc = sys.argv[1]
     failures = 0
+    refused = subprocess.run([wdc, "emulator", "--fault", "files/download:teapot"],
+                             capture_output=True, text=True, timeout=30)
+    if refused.returncode != 2 or "bad fault spec" not in refused.stderr:
+        print("a bad --fault was not refused: %r" % (refused,))
+        failures += 1
     with tempfile.TemporaryDirectory() as directory:
         plans = [("routes", []),
                  ("faults", ["--access-token-lifetime", "0",
