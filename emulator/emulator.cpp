@@ -65,6 +65,10 @@ void replyRateLimit(Exchange& exchange, const FaultRule& rule) {
                         rule.placement == RetryAfterPlacement::kHeaderOnly)) {
     exchange.replyHeaders.emplace_back("Retry-After", std::to_string(*rule.argument));
   }
+  if (rule.argument && rule.placement == RetryAfterPlacement::kHeaderOnly) {
+    // The plain-text form: only the header says how long to wait.
+    return exchange.replyText(429, reason);
+  }
   exchange.replyJson(Json{{"error_summary", std::string(reason) + "/.."}, {"error", error}}, 429);
 }
 

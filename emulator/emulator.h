@@ -47,8 +47,8 @@ enum class FaultKind {
 
 // Where a 429 states its back-off. Dropbox sends both; clients must cope with less.
 enum class RetryAfterPlacement {
-  kHeaderAndBody,  // Retry-After header and the body's retry_after (spec ARG "2")
-  kHeaderOnly,     // Retry-After header; body without retry_after (ARG "2h")
+  kHeaderAndBody,  // Retry-After header and the body's retry_after (ARG "2")
+  kHeaderOnly,     // Retry-After header and a plain-text body naming the reason (ARG "2h")
   kBodyOnly,       // body's retry_after only, no header (ARG "2b")
   kNone,           // neither: a bare JSON 429 (no ARG)
 };

@@ -47,7 +47,7 @@ enum class WriteFailure {
 // How a file write treats what is already there (WriteMode).
 struct WriteMode {
   enum Kind { kAdd, kOverwrite, kUpdate } kind = kAdd;
-  std::string updateRev;  // kUpdate only
+  std::string updateRev{};  // kUpdate only
   bool autorename = false;
   bool strictConflict = false;
 };

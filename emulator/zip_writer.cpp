@@ -29,6 +29,8 @@ std::optional<std::string> buildZip(const std::vector<ZipItem>& items, std::stri
   };
   if (!writer || !entry) return fail("cannot allocate the archive");
   if (archive_write_set_format_zip(writer.get()) != ARCHIVE_OK ||
+      // Names are stored as UTF-8 with the ZIP's UTF-8 flag, whatever the process locale.
+      archive_write_set_format_option(writer.get(), "zip", "hdrcharset", "UTF-8") != ARCHIVE_OK ||
       archive_write_set_bytes_in_last_block(writer.get(), 1) != ARCHIVE_OK ||
       archive_write_open(writer.get(), &output, nullptr, appendToString, nullptr) != ARCHIVE_OK) {
     return fail("cannot open the ZIP writer");
