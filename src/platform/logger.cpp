@@ -90,7 +90,7 @@ SerialQueue& asyncQueue() {
   return *queue;
 }
 
-void emit(Level level, const std::string& message, const std::source_location& where) {
+void emit(Level level, const std::string& message, const SourceLocation& where) {
   auto& s = state();
   std::lock_guard<std::mutex> lock(s.sinksMutex);
   s.logger->log(spdlog::source_loc{where.file_name(), static_cast<int>(where.line()),
@@ -110,7 +110,7 @@ void setSink(const std::shared_ptr<spdlog::sinks::sink>& sink, bool present) {
 }  // namespace
 
 void write(Level level, std::string_view message, Delivery delivery,
-           const std::source_location& where) {
+           const SourceLocation& where) {
   if (static_cast<int>(level) > static_cast<int>(state().level.load())) return;
   if (delivery == Delivery::kSync) {
     emit(level, std::string(message), where);

@@ -1,10 +1,10 @@
 // The library's one leveled logger (error, warning, info, debug, verbose) over spdlog. Every line
-// carries the source file, function and line of its call, taken from std::source_location.
+// carries the source file, function and line of its call.
 // Synchronous logging is written before the call returns; asynchronous logging is handed to one
 // background thread and written later, in order. CaptureLog lets tests assert exact lines.
 #pragma once
 
-#include <source_location>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,28 +14,45 @@ namespace wdc::log {
 enum class Level { kError, kWarning, kInfo, kDebug, kVerbose };
 enum class Delivery { kSync, kAsync };
 
+// Where a log call was made. Built from the compiler builtins rather than SourceLocation,
+// which clang 14 (our fuzzing compiler) does not provide.
+struct SourceLocation {
+  const char* fileName = "";
+  const char* functionName = "";
+  std::uint_least32_t lineNumber = 0;
+
+  static constexpr SourceLocation current(const char* file = __builtin_FILE(),
+                                          const char* function = __builtin_FUNCTION(),
+                                          std::uint_least32_t line = __builtin_LINE()) {
+    return SourceLocation{file, function, line};
+  }
+  [[nodiscard]] constexpr const char* file_name() const { return fileName; }
+  [[nodiscard]] constexpr const char* function_name() const { return functionName; }
+  [[nodiscard]] constexpr std::uint_least32_t line() const { return lineNumber; }
+};
+
 // Writes one message. Messages more verbose than the current level are dropped.
 void write(Level level, std::string_view message, Delivery delivery,
-           const std::source_location& where);
+           const SourceLocation& where);
 
 inline void error(std::string_view message, Delivery delivery = Delivery::kSync,
-                  const std::source_location& where = std::source_location::current()) {
+                  const SourceLocation& where = SourceLocation::current()) {
   write(Level::kError, message, delivery, where);
 }
 inline void warning(std::string_view message, Delivery delivery = Delivery::kSync,
-                    const std::source_location& where = std::source_location::current()) {
+                    const SourceLocation& where = SourceLocation::current()) {
   write(Level::kWarning, message, delivery, where);
 }
 inline void info(std::string_view message, Delivery delivery = Delivery::kSync,
-                 const std::source_location& where = std::source_location::current()) {
+                 const SourceLocation& where = SourceLocation::current()) {
   write(Level::kInfo, message, delivery, where);
 }
 inline void debug(std::string_view message, Delivery delivery = Delivery::kSync,
-                  const std::source_location& where = std::source_location::current()) {
+                  const SourceLocation& where = SourceLocation::current()) {
   write(Level::kDebug, message, delivery, where);
 }
 inline void verbose(std::string_view message, Delivery delivery = Delivery::kSync,
-                    const std::source_location& where = std::source_location::current()) {
+                    const SourceLocation& where = SourceLocation::current()) {
   write(Level::kVerbose, message, delivery, where);
 }
 

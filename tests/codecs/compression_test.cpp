@@ -110,8 +110,7 @@ TEST(Compression, GzipInflateAcceptsBothWrappersZlibInflateOnlyZlib) {
 }
 
 TEST(Compression, InflateGrowsFarBeyondOneAndAHalfTimesTheInput) {
-  // 1 MB of zeros deflates to about 1 KB: the buffer must grow hundreds of times by half the
-  // input length.
+  // 1 MB of zeros deflates to about 1 KB: the output buffer must grow many times over.
   const Bytes plain(1 << 20, 0);
   auto gz = gzipDeflate(plain);
   auto zl = zlibDeflate(plain);
