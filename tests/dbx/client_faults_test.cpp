@@ -2,6 +2,7 @@
 // for the handler.
 #include "dbx/client_fixture.h"
 #include "platform/env.h"
+#include "platform/logger.h"
 
 namespace wdc::dbx {
 namespace {
@@ -97,6 +98,7 @@ TEST_F(DbxClientTest, ServerErrorsAndBrokenConnectionsBecomeRequestErrors) {
 }
 
 TEST_F(DbxClientTest, ExpiredTokenIsRefreshedOnceAndTheRequestResent) {
+  log::CaptureLog capture;
   auto client = makeClient(DBOAuth2Token{"dbid:test", "T", "refresh-1", std::nullopt});
   emulator_.expireAccessTokens(/*includeConfigured=*/true);
   auto answer = await(client->usersRoutes().getCurrentAccount());
@@ -105,6 +107,12 @@ TEST_F(DbxClientTest, ExpiredTokenIsRefreshedOnceAndTheRequestResent) {
   EXPECT_EQ(emulator_.requestCount("users/get_current_account"), 2u);
   EXPECT_NE(client->currentToken().accessToken, "T");
   ASSERT_TRUE(client->currentToken().expiresAt);
+  ASSERT_FALSE(capture.entries().empty());  // the refresh is logged, its tokens are not
+  for (const auto& entry : capture.entries()) {
+    EXPECT_EQ(entry.message.find("refresh-1"), std::string::npos) << entry.message;
+    EXPECT_EQ(entry.message.find(client->currentToken().accessToken), std::string::npos)
+        << entry.message;
+  }
 
   // Without a refresh token the 401 reaches the handler as it is.
   auto plain = makeClient(DBOAuth2Token{"dbid:test", "T", std::nullopt, std::nullopt});
