@@ -143,6 +143,23 @@ TEST_F(DbxClientTest, ARefusedRefreshLeavesTheOriginal401) {
   EXPECT_EQ(emulator_.requestCount("users/get_current_account"), 1u);
 }
 
+TEST_F(DbxClientTest, AnswersPastTheSizeCapAreRefused) {
+  emulator_.putFile("/big.bin", std::string(64 * 1024, 'b'));
+  auto custom = config();
+  custom.maxResponseBytes = 16 * 1024;
+  custom.maxDownloadBytes = 32 * 1024;
+  auto client = makeClient(DBOAuth2Token{"", "T", std::nullopt, std::nullopt}, custom);
+  auto inMemory = await(client->filesRoutes().downloadData("/big.bin"));
+  EXPECT_EQ(inMemory.nsCode(), kURLErrorDataLengthExceedsMaximum);
+  const auto destination = dir_.path() / "big.bin";
+  auto toFile = await(client->filesRoutes().downloadUrl("/big.bin", true, destination));
+  EXPECT_EQ(toFile.nsCode(), kURLErrorDataLengthExceedsMaximum);
+  for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
+    EXPECT_NE(entry.path().filename().string().rfind("big.bin", 0), 0u)  // no scratch left
+        << entry.path();
+  }
+}
+
 TEST_F(DbxClientTest, UntrustedCertificateIsRefused) {
   auto custom = config();
   custom.caFile.reset();
