@@ -9,7 +9,7 @@ function(wdc_test name)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
   target_compile_definitions(${name} PRIVATE
     WDC_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
-    WDC_FIXTURES_DIR="${PROJECT_SOURCE_DIR}/../shared/fixtures")
+    WDC_FIXTURES_DIR="${WDC_FIXTURES_DIR}")
   wdc_set_warnings(${name})
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
 endfunction()

@@ -178,12 +178,18 @@ bool Emulator::Impl::checkAppAuth(Exchange& exchange) {
 }
 
 std::optional<FaultKind> Emulator::Impl::serve(Exchange& exchange) {
+  const auto arrival = std::chrono::steady_clock::now();
   {
     std::lock_guard lock(mutex);
     ++counts[exchange.route];
     ++total;
   }
   const FaultDecision decision = faults.decide(exchange.route);
+  if (arrivalObserver) {
+    const bool rateLimited = decision.fault && (decision.fault->kind == FaultKind::kTooManyRequests ||
+                                                decision.fault->kind == FaultKind::kTooManyWriteOperations);
+    arrivalObserver(exchange.route, rateLimited, arrival);
+  }
   pause(options.latencyMs + decision.latencyMs);
   std::optional<FaultKind> transportFault;
   if (decision.fault) {
@@ -341,6 +347,10 @@ void Emulator::clearFaults() { impl_->faults.clear(); }
 void Emulator::invalidateCursors() {
   std::lock_guard lock(impl_->mutex);
   impl_->cursors.clear();
+}
+
+void Emulator::setArrivalObserver(ArrivalObserver observer) {
+  impl_->arrivalObserver = std::move(observer);
 }
 
 uint64_t Emulator::requestCount(std::string_view route) const {

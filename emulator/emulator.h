@@ -21,6 +21,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -161,6 +162,11 @@ class Emulator {
   // faults; "*" gives the total. Unknown routes count under their path too.
   [[nodiscard]] uint64_t requestCount(std::string_view route) const;
   void resetRequestCounts();
+  // Called on a worker thread as each request arrives (before it is answered), with its route,
+  // whether an injected rate-limit fault answers it, and the arrival time. Set before start().
+  using ArrivalObserver = std::function<void(std::string_view route, bool rateLimited,
+                                             std::chrono::steady_clock::time_point arrival)>;
+  void setArrivalObserver(ArrivalObserver observer);
 
   // Direct state access. Paths are display paths ("/Notes/a.txt"); missing parents are created.
   // putFile returns the new entry, or nullopt when a file sits where a folder is needed.

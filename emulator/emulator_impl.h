@@ -83,6 +83,7 @@ struct Emulator::Impl {
   mutable std::mutex mutex;
   Store store;
   std::map<std::string, uint64_t, std::less<>> counts;
+  Emulator::ArrivalObserver arrivalObserver;
   uint64_t total = 0;
   // Issued access tokens and when they expire (Env uptime).
   std::map<std::string, std::chrono::nanoseconds, std::less<>> issuedTokens;

@@ -24,6 +24,11 @@
 
 namespace wdc {
 
+namespace dbx {
+struct DBRequestError;
+class DBUserClient;
+}  // namespace dbx
+
 struct RetryMessages;
 bool runSynchronousRetryLoop(class WebDAVConnect& connection, const RetryMessages& messages,
                              ErrorOut error, const std::function<bool(ErrorOut)>& attempt);
@@ -59,6 +64,14 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // blocking operation of this connection.
   std::shared_ptr<OperationQueue> queueToUse;
 
+  // ---- Public operations (src/core/public_operations.cpp) -------------------------------------
+  // Each waits out the shared cooldown, requires connection type 3 (it keeps polling otherwise),
+  // calls its Dropbox backend operation and retries a retryable failure: at most 10 attempts,
+  // 0.5 s apart, or the rate-limit delay after a 429. The error is written only on failure.
+
+  // The linked account's display name.
+  std::optional<std::string> getAccountUsername(ErrorOut error = nullptr);
+
   // ---- Rate-limit and retry policy (src/core/rate_limit_policy.cpp) --------------------------
   // Process-wide: shared by every connection, created on first use, thread-safe.
 
@@ -87,6 +100,29 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   static OperationQueue& dropboxRetryQueue();
   // Clears the cooldown. The download slots and the retry queue are untouched.
   static void resetDropboxRateLimitStateForTesting();
+
+  // ---- Dropbox backend (src/dropbox) ---------------------------------------------------------
+  // Blocking calls over the asynchronous client: each takes the authorized client of
+  // dbx::DBClientsManager when it starts, sends one request, and waits (without a time-out) for
+  // its answer on `queueToUse`. REQUIRES: not called on `queueToUse`; one request at a time per
+  // connection. With no linked account they fail at once with "Dropbox" 401.
+
+  // users/get_current_account: the account's display name.
+  std::optional<std::string> getDropboxAccountUsername(ErrorOut error = nullptr);
+  // Moves OAuth 1 tokens left by an older host to OAuth 2 with the build's app key and secret.
+  // True when there were tokens and a migration ran (its outcome is only logged); false at once
+  // when there was nothing to migrate.
+  bool migrateDropboxV1TokensToV2WithQueue();
+
+  // Records the outcome of one answer: success without a request error, otherwise the mapped
+  // error (a 429 also opens the shared cooldown, at least 2 s).
+  void setAsyncErrorIfRequired(const dbx::DBRequestError* requestError);
+  // True when the last answer failed; then logs it and copies it into `error` (when given).
+  bool checkIfRequestFailed(ErrorOut error);
+  // The error value a request error maps to (absent for none): the system error's domain and
+  // code for transport failures, else "Dropbox" and the HTTP status; user info "errorContent",
+  // plus "WebDAVDropboxRetryAfterSeconds" for rate limits. Also opens the cooldown on a 429.
+  static std::optional<Error> getErrorFromRequestError(const dbx::DBRequestError* requestError);
 
   // ---- Local-folder backend (src/local) ------------------------------------------------------
   // All paths are under one root folder: a build-time constant (CMake WDC_LOCAL_ROOT_FOLDER;

@@ -13,4 +13,7 @@ void registerSelfCheckCommand(CLI::App& app);
 // `wdc emulator`: the loopback Dropbox API v2 emulator, until killed.
 void registerEmulatorCommand(CLI::App& app);
 
+// `wdc payload decode FILE` / `wdc payload encode JSON_FILE OUT_FILE`.
+void registerPayloadCommand(CLI::App& app);
+
 }  // namespace wdc::cli

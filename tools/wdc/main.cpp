@@ -18,6 +18,7 @@ int main(int argc, char** argv) {
 
   wdc::cli::registerSelfCheckCommand(app);
   wdc::cli::registerEmulatorCommand(app);
+  wdc::cli::registerPayloadCommand(app);
 
   try {
     app.parse(argc, argv);
