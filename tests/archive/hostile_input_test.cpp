@@ -110,6 +110,22 @@ TEST(HostileArchive, ReferencesThatFanOutExponentiallyAreStoppedByTheBudget) {
   EXPECT_NE(refusal(arrayChain(60, 2)).find("too large"), std::string::npos);
 }
 
+TEST(HostileArchive, SharedObjectWithManyKeysCannotBeScannedOverAndOver) {
+  // An NSArray holding 20,000 references to one NSDate that carries 20,000 extra keys.
+  Bytes archive = archiveOf([](Writer& w, std::vector<Ref>& objects) {
+    std::vector<std::pair<const char*, Ref>> fields{{"NS.time", w.addReal(1.0)}};
+    std::vector<std::string> names;
+    for (int i = 0; i < 20000; ++i) names.push_back("junk" + std::to_string(i));
+    for (const auto& name : names) fields.emplace_back(name.c_str(), w.addBool(true));
+    const std::vector<Ref> members(20000, w.addUid(2));
+    objects.push_back(objectDict(w, 3, {{"NS.objects", w.addArray(members)}}));
+    objects.push_back(objectDict(w, 4, fields));
+    objects.push_back(classDescription(w, "NSArray"));
+    objects.push_back(classDescription(w, "NSDate"));
+  });
+  EXPECT_NE(refusal(archive).find("too large"), std::string::npos);
+}
+
 TEST(HostileArchive, BadReferencesAndShapesAreRefused) {
   struct Case {
     const char* name;
