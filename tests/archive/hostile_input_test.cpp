@@ -235,6 +235,26 @@ TEST(HostileBplist, SharingWithoutACycleIsFine) {
   EXPECT_EQ(value->asArray().size(), 2u);
 }
 
+TEST(BinaryPlist, ReadsFormsNoFixtureHas) {
+  std::optional<Error> error;
+  // A single-precision real (what Apple writes for a float NSNumber): 1.5f is 3FC00000.
+  EXPECT_EQ(readBinaryPropertyList(assemble({{0x22, 0x3f, 0xc0, 0x00, 0x00}}), &error),
+            PlistValue(1.5));
+  // A 16-byte integer holding -2 (sign-extended) is an ordinary negative integer.
+  Bytes minusTwo{0x14};
+  minusTwo.insert(minusTwo.end(), 16, 0xff);
+  minusTwo.back() = 0xfe;
+  EXPECT_EQ(readBinaryPropertyList(assemble({minusTwo}), &error), PlistValue(-2));
+  // A surrogate pair decodes to one character outside the Basic Multilingual Plane.
+  EXPECT_EQ(readBinaryPropertyList(assemble({{0x62, 0xd8, 0x3d, 0xde, 0x00}}), &error),
+            PlistValue("\U0001F600"));
+  // Any eighth header byte is accepted, as Apple's reader does.
+  Bytes header = assemble({{0x09}});
+  header[7] = '1';
+  EXPECT_EQ(readBinaryPropertyList(header, &error), PlistValue(true));
+  EXPECT_FALSE(error.has_value());
+}
+
 Bytes smallFixture() {
   return test::readFileBytes(test::fixturesDir() / "apple-dict-mutablearray.bplist");
 }
