@@ -111,19 +111,19 @@ TEST(HostileArchive, ReferencesThatFanOutExponentiallyAreStoppedByTheBudget) {
 }
 
 TEST(HostileArchive, SharedObjectWithManyKeysCannotBeScannedOverAndOver) {
-  // An NSArray holding 20,000 references to one NSDate that carries 20,000 extra keys.
+  // An NSArray holding 10,000 references to one NSDate that carries 10,000 extra keys.
   Bytes archive = archiveOf([](Writer& w, std::vector<Ref>& objects) {
     std::vector<std::pair<const char*, Ref>> fields{{"NS.time", w.addReal(1.0)}};
     std::vector<std::string> names;
-    for (int i = 0; i < 20000; ++i) names.push_back("junk" + std::to_string(i));
+    for (int i = 0; i < 10000; ++i) names.push_back("junk" + std::to_string(i));
     for (const auto& name : names) fields.emplace_back(name.c_str(), w.addBool(true));
-    const std::vector<Ref> members(20000, w.addUid(2));
+    const std::vector<Ref> members(10000, w.addUid(2));
     objects.push_back(objectDict(w, 3, {{"NS.objects", w.addArray(members)}}));
     objects.push_back(objectDict(w, 4, fields));
     objects.push_back(classDescription(w, "NSArray"));
     objects.push_back(classDescription(w, "NSDate"));
   });
-  // Without charging the scans, 20,000 small dates fit this budget (and take 4e8 key reads).
+  // Without charging the scans, 10,000 small dates fit this budget (and take 1e8 key reads).
   KeyedArchiveLimits limits;
   limits.maxDecodedBytes = 4 << 20;
   std::optional<Error> error;
