@@ -130,8 +130,12 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   static std::filesystem::path localRootFolder();
   static void setLocalRootFolderForProcess(const std::filesystem::path& root);
 
-  // Lists the records directly in `fromPath` (root when absent), oldest first. `error` is
-  // required. Absent when the folder cannot be read.
+  // Lists the records directly in `fromPath` (root when absent), oldest first; entries whose
+  // names are not record names, whose extension is not in `withExtension` (when given) or that
+  // are older than `modifiedAfter` are left out. Absent, with `error` set and an error logged,
+  // when the folder cannot be read. Each entry's date is read by its bare name, resolved against
+  // the process's current directory (kept as it always was): an entry not found there has no
+  // date, and `error` ends up holding the outcome of the last entry's lookup, success included.
   std::optional<FileList> getFileListFromLocal(ErrorOut error,
                                                const std::optional<std::string>& fromPath,
                                                const std::optional<Date>& modifiedAfter,
@@ -147,10 +151,15 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
       const std::shared_ptr<WebDAVFileContents>& contents,
       const std::optional<std::string>& toFolder, const std::optional<std::string>& forDevice,
       ErrorOut error);
+  // Removes a record; true when nothing was there. On failure logs, sets `error`, returns false.
   bool deleteFileAtPathFromLocal(const std::shared_ptr<WebDAVFileMetaData>& file,
                                  const std::optional<std::string>& inFolder, ErrorOut error);
+  // True when anything (folder or file) exists at the root joined with `folder`.
   bool doesLocalFolderExist(const std::optional<std::string>& folder, ErrorOut error);
+  // Creates the folder with every missing parent; true when it already exists.
   bool createNewLocalFolder(const std::optional<std::string>& folder, ErrorOut error);
+  // When something exists at the root joined with `folder`, removes `folder` as given (not
+  // joined to the root: kept as it always was); true, removing nothing, when nothing is there.
   bool deleteLocalFolder(const std::optional<std::string>& folder, ErrorOut error);
   // Empty operations of the local backend: empty results, nothing written.
   std::optional<std::string> getLocalAccountUsername();

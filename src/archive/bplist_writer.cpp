@@ -167,13 +167,42 @@ void Writer::setDictionary(Ref slot, std::span<const Ref> keys, std::span<const 
 
 Bytes Writer::finish(Ref top) const {
   const uint64_t count = entries_.size();
+  // Number objects as Apple's writer does: the root is 0, then a depth-first walk (an array's
+  // members in turn, a dictionary's keys and then its values). Objects nothing refers to keep
+  // their relative order at the end.
+  constexpr Ref kUnnumbered = UINT32_MAX;
+  std::vector<Ref> number(count, kUnnumbered);
+  std::vector<Ref> order;
+  order.reserve(count);
+  std::vector<Ref> stack{top};
+  while (!stack.empty()) {
+    const Ref ref = stack.back();
+    stack.pop_back();
+    if (number[ref] != kUnnumbered) continue;
+    number[ref] = static_cast<Ref>(order.size());
+    order.push_back(ref);
+    const Entry& entry = entries_[ref];
+    if (entry.container == 0) continue;
+    for (uint32_t i = entry.size; i-- > 0;) {
+      const Ref child = refs_[entry.begin + i];
+      if (number[child] == kUnnumbered) stack.push_back(child);
+    }
+  }
+  for (Ref ref = 0; ref < count; ++ref) {
+    if (number[ref] == kUnnumbered) {
+      number[ref] = static_cast<Ref>(order.size());
+      order.push_back(ref);
+    }
+  }
+
   const unsigned refSize = widthFor(count);
   static constexpr uint8_t kMagic[] = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
   Bytes out(std::begin(kMagic), std::end(kMagic));
   out.reserve(8 + scalars_.size() + refs_.size() * refSize + count * 4 + 32);
   std::vector<uint64_t> offsets;
   offsets.reserve(count);
-  for (const Entry& entry : entries_) {
+  for (const Ref ref : order) {
+    const Entry& entry = entries_[ref];
     offsets.push_back(out.size());
     if (entry.container == 0) {
       out.insert(out.end(), scalars_.begin() + entry.begin,
@@ -189,7 +218,9 @@ Bytes Writer::finish(Ref top) const {
       out.push_back(static_cast<uint8_t>(0x10 | log2Width(width)));
       appendBigEndian(out, items, width);
     }
-    for (uint32_t i = 0; i < entry.size; ++i) appendBigEndian(out, refs_[entry.begin + i], refSize);
+    for (uint32_t i = 0; i < entry.size; ++i) {
+      appendBigEndian(out, number[refs_[entry.begin + i]], refSize);
+    }
   }
   const uint64_t offsetTable = out.size();
   const unsigned offsetSize = widthFor(offsetTable);
@@ -198,7 +229,7 @@ Bytes Writer::finish(Ref top) const {
   out.push_back(static_cast<uint8_t>(offsetSize));
   out.push_back(static_cast<uint8_t>(refSize));
   appendBigEndian(out, count, 8);
-  appendBigEndian(out, top, 8);
+  appendBigEndian(out, 0, 8);  // top object: always number 0
   appendBigEndian(out, offsetTable, 8);
   return out;
 }

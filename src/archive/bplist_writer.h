@@ -1,7 +1,9 @@
 // Writes binary property lists ("bplist00"). Objects are added one by one and named by the
 // number add*() returns; containers refer to numbers already handed out (or reserved). finish()
-// lays the file out: objects in number order, then the offset table and trailer, with offset and
-// reference widths the smallest of 1, 2, 4 or 8 bytes that hold them, as Apple's writer chooses.
+// lays the file out as Apple's writer does: the root is object 0, the others follow in a
+// depth-first walk from it (an object shared by several containers once, where first met), then
+// the offset table and trailer, with offset and reference widths the smallest of 1, 2, 4 or 8
+// bytes that hold them.
 #pragma once
 
 #include <cstdint>

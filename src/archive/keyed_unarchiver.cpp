@@ -328,6 +328,9 @@ bool Unarchiver::classInfo(uint64_t uid, const ClassInfo*& out, ErrorOut error) 
 
 bool Unarchiver::decodeObject(uint64_t uid, const ObjectRef& dict, PlistValue& out,
                               ErrorOut error) {
+  // Scanning the keys is work done at every use of a shared object: charge it, or one object
+  // with many junk keys referenced many times would cost time the value budget never sees.
+  if (!budget_.charge(dict.count * 16, error)) return false;
   // One pass over the keys finds $class and the Foundation keys; everything else is a field.
   std::optional<uint64_t> classRef, keysRef, objectsRef, timeRef, stringRef, bytesRef, dataRef;
   for (uint64_t i = 0; i < dict.count; ++i) {

@@ -110,6 +110,28 @@ TEST(HostileArchive, ReferencesThatFanOutExponentiallyAreStoppedByTheBudget) {
   EXPECT_NE(refusal(arrayChain(60, 2)).find("too large"), std::string::npos);
 }
 
+TEST(HostileArchive, SharedObjectWithManyKeysCannotBeScannedOverAndOver) {
+  // An NSArray holding 10,000 references to one NSDate that carries 10,000 extra keys.
+  Bytes archive = archiveOf([](Writer& w, std::vector<Ref>& objects) {
+    std::vector<std::pair<const char*, Ref>> fields{{"NS.time", w.addReal(1.0)}};
+    std::vector<std::string> names;
+    for (int i = 0; i < 10000; ++i) names.push_back("junk" + std::to_string(i));
+    for (const auto& name : names) fields.emplace_back(name.c_str(), w.addBool(true));
+    const std::vector<Ref> members(10000, w.addUid(2));
+    objects.push_back(objectDict(w, 3, {{"NS.objects", w.addArray(members)}}));
+    objects.push_back(objectDict(w, 4, fields));
+    objects.push_back(classDescription(w, "NSArray"));
+    objects.push_back(classDescription(w, "NSDate"));
+  });
+  // Without charging the scans, 10,000 small dates fit this budget (and take 1e8 key reads).
+  KeyedArchiveLimits limits;
+  limits.maxDecodedBytes = 4 << 20;
+  std::optional<Error> error;
+  EXPECT_FALSE(unarchiveTopLevelObjects(archive, &error, limits).has_value());
+  ASSERT_TRUE(error.has_value());
+  EXPECT_NE(error->localizedDescription().find("too large"), std::string::npos);
+}
+
 TEST(HostileArchive, BadReferencesAndShapesAreRefused) {
   struct Case {
     const char* name;
@@ -217,6 +239,26 @@ TEST(HostileBplist, SharingWithoutACycleIsFine) {
   auto value = readBinaryPropertyList(assemble({{0xa2, 0x01, 0x01}, {0xa0}}), &error);
   ASSERT_TRUE(value.has_value()) << error->description();
   EXPECT_EQ(value->asArray().size(), 2u);
+}
+
+TEST(BinaryPlist, ReadsFormsNoFixtureHas) {
+  std::optional<Error> error;
+  // A single-precision real (what Apple writes for a float NSNumber): 1.5f is 3FC00000.
+  EXPECT_EQ(readBinaryPropertyList(assemble({{0x22, 0x3f, 0xc0, 0x00, 0x00}}), &error),
+            PlistValue(1.5));
+  // A 16-byte integer holding -2 (sign-extended) is an ordinary negative integer.
+  Bytes minusTwo{0x14};
+  minusTwo.insert(minusTwo.end(), 16, 0xff);
+  minusTwo.back() = 0xfe;
+  EXPECT_EQ(readBinaryPropertyList(assemble({minusTwo}), &error), PlistValue(-2));
+  // A surrogate pair decodes to one character outside the Basic Multilingual Plane.
+  EXPECT_EQ(readBinaryPropertyList(assemble({{0x62, 0xd8, 0x3d, 0xde, 0x00}}), &error),
+            PlistValue("\U0001F600"));
+  // Any eighth header byte is accepted, as Apple's reader does.
+  Bytes header = assemble({{0x09}});
+  header[7] = '1';
+  EXPECT_EQ(readBinaryPropertyList(header, &error), PlistValue(true));
+  EXPECT_FALSE(error.has_value());
 }
 
 Bytes smallFixture() {

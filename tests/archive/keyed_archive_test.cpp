@@ -89,6 +89,30 @@ TEST(KeyedArchive, RoundTripsEveryFixtureArchive) {
   }
 }
 
+TEST(KeyedArchive, LaidOutAsAppleWritesIt) {
+  const Bytes file = archiveTopLevelObjects({{"data", samplePayload()}}, true);
+  const uint8_t* trailer = file.data() + file.size() - 32;
+  const unsigned offsetSize = trailer[6];
+  uint64_t top = 0, count = 0, table = 0;
+  for (int i = 0; i < 8; ++i) {
+    count = (count << 8) | trailer[8 + i];
+    top = (top << 8) | trailer[16 + i];
+    table = (table << 8) | trailer[24 + i];
+  }
+  EXPECT_EQ(top, 0u);
+  EXPECT_EQ(file[8], 0xd4);  // object 0, right after the header: the 4-key archive dictionary
+  // Objects are written in number order, so the offset table only grows.
+  uint64_t previous = 0;
+  for (uint64_t i = 0; i < count; ++i) {
+    uint64_t offset = 0;
+    for (unsigned b = 0; b < offsetSize; ++b) offset = (offset << 8) | file[table + i * offsetSize + b];
+    EXPECT_GT(offset, previous) << i;
+    previous = offset;
+  }
+  // Keys in the order of recent Apple files; "$version" is object 1, the first key walked.
+  EXPECT_EQ(std::string(file.begin() + 8 + 9, file.begin() + 8 + 9 + 9), "X$version");
+}
+
 // The marker byte and width of an integer as written in a plain plist holding only it.
 Bytes writtenInteger(const PlistValue& value) {
   Bytes file = writeBinaryPropertyList(value);
