@@ -52,6 +52,9 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
       const std::optional<std::string>& andPassword);
   ~WebDAVConnect();
   WebDAVConnect(const WebDAVConnect&) = delete;
+  // Between syncs: empties the process-wide folder snapshot cache (deleting its extractions) and
+  // drops this connection's listing scratch. The Dropbox client and the cursor stay.
+  void removeAllResources();
   WebDAVConnect& operator=(const WebDAVConnect&) = delete;
 
   // ---- Host-visible properties -------------------------------------------------------------

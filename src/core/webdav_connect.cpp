@@ -1,6 +1,8 @@
 // Construction and lifetime of WebDAVConnect.
 #include "webdavconnect/webdav_connect.h"
 
+#include "webdavconnect/zip_snapshot.h"
+
 namespace wdc {
 
 WebDAVConnect::WebDAVConnect(uint64_t type, const std::optional<std::string>& /*login*/,
@@ -14,5 +16,9 @@ std::shared_ptr<WebDAVConnect> WebDAVConnect::initWithConnectionType(
 }
 
 WebDAVConnect::~WebDAVConnect() = default;
+
+void WebDAVConnect::removeAllResources() {
+  WebDAVDropboxZipSnapshot::sharedSnapshot().reset();
+}
 
 }  // namespace wdc

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "webdavconnect/webdav_connect.h"
+#include "webdavconnect/zip_snapshot.h"
 
 namespace wdc {
 namespace {
@@ -34,6 +35,16 @@ TEST(WebDAVBackend, EveryOperationAnswersEmptyAndLeavesTheErrorAlone) {
   EXPECT_FALSE(c->uploadFileWithObjectToWebDAV("/a", "device", &e));
   EXPECT_FALSE(c->deleteFileAtPathFromWebDAV("/a", &e));
   EXPECT_EQ(e, sentinel);
+}
+
+TEST(Connection, RemoveAllResourcesEmptiesTheSharedSnapshotCacheButKeepsTheCursor) {
+  auto& cache = WebDAVDropboxZipSnapshot::sharedSnapshot();
+  ASSERT_TRUE(cache.markFolder("/Tasks/", 25));
+  auto c = WebDAVConnect::initWithConnectionType(kConnectionTypeDropbox, std::nullopt, std::nullopt);
+  c->dropboxDeltaCursor = "cursor-1";
+  c->removeAllResources();
+  EXPECT_FALSE(cache.isFolderPending("tasks"));
+  EXPECT_EQ(c->dropboxDeltaCursor, "cursor-1");
 }
 
 }  // namespace
