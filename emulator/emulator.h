@@ -122,9 +122,9 @@ struct EntryInfo {
   std::string pathDisplay{};
   bool isFolder = false;
   std::string id{};
-  std::string rev{};         // files only
-  std::string contentHash{}; // files only
-  uint64_t size = 0;         // files only
+  std::string rev{};                                       // files only
+  std::string contentHash{};                               // files only
+  uint64_t size = 0;                                       // files only
   std::chrono::system_clock::time_point clientModified{};  // files only
   std::chrono::system_clock::time_point serverModified{};  // files only
 };
