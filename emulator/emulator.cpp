@@ -22,8 +22,7 @@ constexpr RouteSpec kRoutes[] = {
      handleListFolderContinue},
     {"files/search", RouteStyle::kRpc, RouteAuth::kUser, false, handleSearch},
     {"files/search_v2", RouteStyle::kRpc, RouteAuth::kUser, false, handleSearchV2},
-    {"files/search/continue_v2", RouteStyle::kRpc, RouteAuth::kUser, false,
-     handleSearchContinueV2},
+    {"files/search/continue_v2", RouteStyle::kRpc, RouteAuth::kUser, false, handleSearchContinueV2},
     {"files/create_folder_v2", RouteStyle::kRpc, RouteAuth::kUser, false, handleCreateFolder},
     {"files/upload", RouteStyle::kUpload, RouteAuth::kUser, false, handleUpload},
     {"files/upload_session/start", RouteStyle::kUpload, RouteAuth::kUser, false,
@@ -40,8 +39,7 @@ constexpr RouteSpec kRoutes[] = {
     {"files/download_zip", RouteStyle::kDownload, RouteAuth::kUser, false, handleDownloadZip},
     {"files/delete_v2", RouteStyle::kRpc, RouteAuth::kUser, false, handleDelete},
     {"files/delete_batch", RouteStyle::kRpc, RouteAuth::kUser, false, handleDeleteBatch},
-    {"files/delete_batch/check", RouteStyle::kRpc, RouteAuth::kUser, false,
-     handleDeleteBatchCheck},
+    {"files/delete_batch/check", RouteStyle::kRpc, RouteAuth::kUser, false, handleDeleteBatchCheck},
 };
 
 bool isJsonType(std::string_view type) {
@@ -54,9 +52,8 @@ bool isOctetType(std::string_view type) {
 }
 
 void replyRateLimit(Exchange& exchange, const FaultRule& rule) {
-  const char* reason = rule.kind == FaultKind::kTooManyWriteOperations
-                           ? "too_many_write_operations"
-                           : "too_many_requests";
+  const char* reason = rule.kind == FaultKind::kTooManyWriteOperations ? "too_many_write_operations"
+                                                                       : "too_many_requests";
   Json error{{"reason", tag(reason)}};
   if (rule.argument && (rule.placement == RetryAfterPlacement::kHeaderAndBody ||
                         rule.placement == RetryAfterPlacement::kBodyOnly)) {
@@ -105,8 +102,8 @@ void Emulator::Impl::pause(uint32_t ms) {
 
 std::string Emulator::Impl::newCursor(CursorState state) {
   // Opaque to clients; long enough to look like Dropbox's and never empty.
-  const std::string cursor = "AAEmuCursor" + std::to_string(++cursorCounter) + "x" +
-                             std::to_string(state.sequence);
+  const std::string cursor =
+      "AAEmuCursor" + std::to_string(++cursorCounter) + "x" + std::to_string(state.sequence);
   cursors.insert_or_assign(cursor, std::move(state));
   return cursor;
 }
@@ -173,8 +170,9 @@ std::optional<FaultKind> Emulator::Impl::serve(Exchange& exchange) {
   }
   const FaultDecision decision = faults.decide(exchange.route);
   if (arrivalObserver) {
-    const bool rateLimited = decision.fault && (decision.fault->kind == FaultKind::kTooManyRequests ||
-                                                decision.fault->kind == FaultKind::kTooManyWriteOperations);
+    const bool rateLimited =
+        decision.fault && (decision.fault->kind == FaultKind::kTooManyRequests ||
+                           decision.fault->kind == FaultKind::kTooManyWriteOperations);
     arrivalObserver(exchange.route, rateLimited, arrival);
   }
   pause(options.latencyMs + decision.latencyMs);
@@ -257,8 +255,9 @@ std::optional<FaultKind> Emulator::Impl::serve(Exchange& exchange) {
         return transportFault;
       }
       if (!exchange.apiArg) {
-        exchange.replyBadInput("Must provide HTTP header \"Dropbox-API-Arg\" or URL parameter "
-                               "\"arg\".");
+        exchange.replyBadInput(
+            "Must provide HTTP header \"Dropbox-API-Arg\" or URL parameter "
+            "\"arg\".");
         return transportFault;
       }
       std::optional<Json> parsed = parseJson(*exchange.apiArg);
@@ -287,7 +286,8 @@ bool Emulator::start(std::string* error) {
   // After a stop, come back on the same port so clients configured with baseUrl() reconnect.
   const uint16_t port = impl_->options.port != 0 ? impl_->options.port : impl_->listener->port();
   if (impl_->listener->start(impl_->options.tls, port, error)) return true;
-  return port != 0 && impl_->options.port == 0 && impl_->listener->start(impl_->options.tls, 0, error);
+  return port != 0 && impl_->options.port == 0 &&
+         impl_->listener->start(impl_->options.tls, 0, error);
 }
 
 void Emulator::stop() {
@@ -355,18 +355,23 @@ void Emulator::resetRequestCounts() {
 
 namespace {
 EntryInfo toInfo(const StoredEntry& entry) {
-  return EntryInfo{entry.pathDisplay, entry.isFolder,      entry.id,
-                   entry.rev,         entry.contentHash,   entry.size(),
-                   entry.clientModified, entry.serverModified};
+  return EntryInfo{entry.pathDisplay,
+                   entry.isFolder,
+                   entry.id,
+                   entry.rev,
+                   entry.contentHash,
+                   entry.size(),
+                   entry.clientModified,
+                   entry.serverModified};
 }
 }  // namespace
 
 std::optional<EntryInfo> Emulator::putFile(std::string_view path, std::string_view contents,
                                            std::optional<TimePoint> clientModified) {
   std::lock_guard lock(impl_->mutex);
-  const WriteOutcome outcome = impl_->store.writeFile(
-      path, std::make_shared<const std::string>(contents), clientModified,
-      WriteMode{WriteMode::kOverwrite, {}, false, false}, impl_->now());
+  const WriteOutcome outcome =
+      impl_->store.writeFile(path, std::make_shared<const std::string>(contents), clientModified,
+                             WriteMode{WriteMode::kOverwrite, {}, false, false}, impl_->now());
   if (outcome.entry == nullptr) return std::nullopt;
   return toInfo(*outcome.entry);
 }

@@ -122,9 +122,9 @@ struct EntryInfo {
   std::string pathDisplay{};
   bool isFolder = false;
   std::string id{};
-  std::string rev{};         // files only
-  std::string contentHash{}; // files only
-  uint64_t size = 0;         // files only
+  std::string rev{};                                       // files only
+  std::string contentHash{};                               // files only
+  uint64_t size = 0;                                       // files only
   std::chrono::system_clock::time_point clientModified{};  // files only
   std::chrono::system_clock::time_point serverModified{};  // files only
 };
@@ -139,6 +139,7 @@ class Emulator {
   Emulator& operator=(const Emulator&) = delete;
 
   // Binds 127.0.0.1 (options.port, or a free one) and starts serving on worker threads.
+  // Sets SIGPIPE to ignored for the process: a dropped connection must not end it.
   // Returns false and, when `error` is non-null, a reason when it cannot listen.
   [[nodiscard]] bool start(std::string* error = nullptr);
   // Stops accepting, closes every open connection (idle keep-alive ones too) and waits for the

@@ -31,7 +31,7 @@ struct CursorState {
   std::string folderLower;
   bool recursive = false;
   bool includeDeleted = false;
-  uint64_t limit = 0;  // 0: everything in one page
+  uint64_t limit = 0;                                       // 0: everything in one page
   std::shared_ptr<const std::vector<std::string>> pending;  // lower-cased paths
   size_t offset = 0;
   uint64_t sequence = 0;

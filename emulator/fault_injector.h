@@ -36,7 +36,7 @@ class FaultInjector {
     uint64_t remaining;  // UINT64_MAX: unlimited
   };
   std::mutex mutex_;
-  std::mt19937_64 random_;  // guarded by mutex_
+  std::mt19937_64 random_;   // guarded by mutex_
   std::vector<Slot> slots_;  // guarded by mutex_
 };
 

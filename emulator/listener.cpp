@@ -2,13 +2,12 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <httplib.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <signal.h>
 #include <sys/socket.h>
-
-#include <httplib.h>
 
 #include <atomic>
 #include <thread>
@@ -123,8 +122,8 @@ bool Listener::start(bool tls, uint16_t port, std::string* error) {
   auto respond = [this](const httplib::Request& request, httplib::Response& response,
                         Exchange& exchange) {
     exchange.method = request.method;
-    exchange.route = request.path.rfind("/2/", 0) == 0 ? request.path.substr(3)
-                                                       : request.path.substr(1);
+    exchange.route =
+        request.path.rfind("/2/", 0) == 0 ? request.path.substr(3) : request.path.substr(1);
     if (request.has_header("Content-Type")) {
       exchange.contentType = request.get_header_value("Content-Type");
     }
@@ -148,8 +147,7 @@ bool Listener::start(bool tls, uint16_t port, std::string* error) {
       }
     }
     response.status = exchange.status;
-    response.set_header("X-Dropbox-Request-Id",
-                        "emu" + std::to_string(++state_->requestIds));
+    response.set_header("X-Dropbox-Request-Id", "emu" + std::to_string(++state_->requestIds));
     for (const auto& [name, value] : exchange.replyHeaders) response.set_header(name, value);
     if (transportFault == FaultKind::kDrop) {
       dropConnection(request, state_->port);
@@ -158,8 +156,7 @@ bool Listener::start(bool tls, uint16_t port, std::string* error) {
     if (transportFault == FaultKind::kTruncate) {
       auto body = std::make_shared<std::string>(std::move(exchange.replyBody));
       response.set_content_provider(
-          body->size(), exchange.replyType,
-          [body](size_t, size_t, httplib::DataSink& sink) {
+          body->size(), exchange.replyType, [body](size_t, size_t, httplib::DataSink& sink) {
             sink.write(body->data(), body->size() / 2);
             return false;  // cpp-httplib closes the connection when a provider gives up
           });
@@ -173,9 +170,9 @@ bool Listener::start(bool tls, uint16_t port, std::string* error) {
   server.Post(R"(/.*)", [respond](const httplib::Request& request, httplib::Response& response,
                                   const httplib::ContentReader& reader) {
     Exchange exchange;
-    const bool hasBody = request.has_header("Content-Length") ||
-                         request.get_header_value("Transfer-Encoding").find("chunked") !=
-                             std::string::npos;
+    const bool hasBody =
+        request.has_header("Content-Length") ||
+        request.get_header_value("Transfer-Encoding").find("chunked") != std::string::npos;
     if (hasBody) {
       reader([&](const char* data, size_t length) {
         exchange.body.append(data, length);

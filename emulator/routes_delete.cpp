@@ -43,7 +43,8 @@ Json runDeleteBatch(Emulator::Impl& impl, const Json& entries) {
     ArgReader args(item, "entries");
     const DeleteArgs deleteArgs = readDeleteArgs(args);
     if (!args.ok()) {
-      results.push_back(Json{{".tag", "failure"}, {"failure", nestedTag("path_lookup", "malformed_path")}});
+      results.push_back(
+          Json{{".tag", "failure"}, {"failure", nestedTag("path_lookup", "malformed_path")}});
       continue;
     }
     const FaultDecision fault = impl.faults.decide("files/delete_batch/entry", false);

@@ -126,7 +126,7 @@ Json hitJson(const SearchHit& hit) {
 
 // search_v2 pages kept for search/continue_v2.
 void searchV2Page(Emulator::Impl& impl, Exchange& exchange, std::vector<Json> matches,
-                         size_t maxResults) {
+                  size_t maxResults) {
   Json page = Json::array();
   const size_t count = std::min(matches.size(), maxResults);
   for (size_t i = 0; i < count; ++i) page.push_back(std::move(matches[i]));
@@ -253,7 +253,8 @@ void handleSearchV2(Emulator::Impl& impl, Exchange& exchange, const Json& arg) {
     const std::optional<std::string> status = optionArgs.unionTag("file_status");
     deleted = status && *status == "deleted";
     optionArgs.boolean("filename_only", false);
-    if (!optionArgs.ok()) args.fail(optionArgs.problem().substr(std::string("request body: ").size()));
+    if (!optionArgs.ok())
+      args.fail(optionArgs.problem().substr(std::string("request body: ").size()));
   }
   if (args.ok() && query.size() > 1000) args.fail("query: string is longer than 1000");
   if (!args.ok()) return exchange.replyBadInput(args.problem());

@@ -55,7 +55,9 @@ Json finishOne(Emulator::Impl& impl, const Json& item) {
     if (!cursorArgs.ok()) args.fail(cursorArgs.problem());
     if (!commitArgs.ok()) args.fail(commitArgs.problem());
   }
-  auto failure = [](Json error) { return Json{{".tag", "failure"}, {"failure", std::move(error)}}; };
+  auto failure = [](Json error) {
+    return Json{{".tag", "failure"}, {"failure", std::move(error)}};
+  };
   if (!args.ok()) return failure(nestedTag("lookup_failed", "not_found"));
   const FaultDecision fault = impl.faults.decide("files/upload_session/finish_batch/entry", false);
   if (fault.fault && fault.fault->kind == FaultKind::kTooManyWriteOperations) {
@@ -72,8 +74,8 @@ Json finishOne(Emulator::Impl& impl, const Json& item) {
   const std::string target = writeTarget(impl, commit.path);
   auto contents = std::make_shared<const std::string>(std::move(session->second.data));
   impl.sessions.erase(session);
-  const WriteOutcome outcome =
-      impl.store.writeFile(target, std::move(contents), commit.clientModified, commit.mode, impl.now());
+  const WriteOutcome outcome = impl.store.writeFile(target, std::move(contents),
+                                                    commit.clientModified, commit.mode, impl.now());
   if (outcome.entry == nullptr) {
     Json error = tag("path");
     error["path"] = writeErrorJson(outcome.failure);
@@ -120,7 +122,8 @@ void handleUpload(Emulator::Impl& impl, Exchange& exchange, const Json& arg) {
   const WriteOutcome outcome = impl.store.writeFile(writeTarget(impl, commit.path), contents,
                                                     commit.clientModified, commit.mode, impl.now());
   if (outcome.entry == nullptr) {
-    const std::string sessionId = "pid_upload_session:AAEmuUpload" + std::to_string(++impl.sessionCounter);
+    const std::string sessionId =
+        "pid_upload_session:AAEmuUpload" + std::to_string(++impl.sessionCounter);
     return exchange.replyRouteError(Json{{".tag", "path"},
                                          {"reason", writeErrorJson(outcome.failure)},
                                          {"upload_session_id", sessionId}});

@@ -113,9 +113,7 @@ const StoredEntry* Store::findByRev(std::string_view rev) const {
   return it == revisions_.end() ? nullptr : &it->second;
 }
 
-void Store::record(const std::string& pathLower) {
-  journal_.emplace_back(++sequence_, pathLower);
-}
+void Store::record(const std::string& pathLower) { journal_.emplace_back(++sequence_, pathLower); }
 
 std::string Store::nextRev() {
   // Dropbox revs are lower-case hex of at least 9 digits; a counter keeps them ordered.
@@ -206,13 +204,13 @@ WriteOutcome Store::writeFile(std::string_view path, std::shared_ptr<const std::
   if (const auto it = entries_.find(lower); it != entries_.end()) {
     entry.id = it->second.id;
     // Only the last component's casing is kept from the new write, as Dropbox does.
-    entry.pathDisplay = std::string(parentOf(it->second.pathDisplay)) + "/" +
-                        std::string(nameOf(target));
+    entry.pathDisplay =
+        std::string(parentOf(it->second.pathDisplay)) + "/" + std::string(nameOf(target));
   } else {
     entry.id = nextId();
     const StoredEntry* parent = find(parentOf(target));
-    entry.pathDisplay = (parent ? parent->pathDisplay : std::string()) + "/" +
-                        std::string(nameOf(target));
+    entry.pathDisplay =
+        (parent ? parent->pathDisplay : std::string()) + "/" + std::string(nameOf(target));
   }
   entry.rev = nextRev();
   entry.contents = std::move(contents);
@@ -295,11 +293,11 @@ std::vector<Change> Store::tombstones(std::string_view folderLower, bool recursi
 std::vector<Change> Store::changesSince(uint64_t since, std::string_view folderLower,
                                         bool recursive) const {
   std::set<std::string> changed;
-  const auto first = std::upper_bound(
-      journal_.begin(), journal_.end(), since,
-      [](uint64_t value, const std::pair<uint64_t, std::string>& item) {
-        return value < item.first;
-      });
+  const auto first =
+      std::upper_bound(journal_.begin(), journal_.end(), since,
+                       [](uint64_t value, const std::pair<uint64_t, std::string>& item) {
+                         return value < item.first;
+                       });
   for (auto it = first; it != journal_.end(); ++it) {
     const std::string& lower = it->second;
     if (lower == folderLower || !isWithin(lower, folderLower)) continue;
@@ -324,7 +322,8 @@ std::vector<const StoredEntry*> Store::all() const { return list("", true); }
 
 void Store::mirrorWrite(const StoredEntry& entry) const {
   if (!mirror_) return;
-  const std::filesystem::path target = *mirror_ / std::filesystem::path(entry.pathDisplay).relative_path();
+  const std::filesystem::path target =
+      *mirror_ / std::filesystem::path(entry.pathDisplay).relative_path();
   std::error_code ec;
   if (entry.isFolder) {
     std::filesystem::create_directories(target, ec);

@@ -94,8 +94,7 @@ class Store {
   [[nodiscard]] std::vector<const StoredEntry*> list(std::string_view folderLower,
                                                      bool recursive) const;
   // Paths below `folderLower` that were removed and are not there now, sorted.
-  [[nodiscard]] std::vector<Change> tombstones(std::string_view folderLower,
-                                               bool recursive) const;
+  [[nodiscard]] std::vector<Change> tombstones(std::string_view folderLower, bool recursive) const;
   // The journal position after the latest change.
   [[nodiscard]] uint64_t sequence() const { return sequence_; }
   // Changes after `since` below `folderLower`: deletions first, then live entries by path.
@@ -116,7 +115,7 @@ class Store {
   void mirrorRemove(std::string_view pathDisplay) const;
 
   const std::optional<std::filesystem::path> mirror_;
-  std::map<std::string, StoredEntry, std::less<>> entries_;  // by lower-cased path
+  std::map<std::string, StoredEntry, std::less<>> entries_;     // by lower-cased path
   std::map<std::string, std::string, std::less<>> tombstones_;  // lower -> display
   std::map<std::string, StoredEntry, std::less<>> revisions_;   // rev -> that version
   std::vector<std::pair<uint64_t, std::string>> journal_;

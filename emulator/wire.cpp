@@ -136,13 +136,20 @@ void ArgReader::fail(std::string message) {
 
 const char* ArgReader::typeName(const Json& value) {
   switch (value.type()) {
-    case Json::value_t::null: return "null";
-    case Json::value_t::boolean: return "boolean";
-    case Json::value_t::string: return "string";
-    case Json::value_t::array: return "list";
-    case Json::value_t::object: return "object";
-    case Json::value_t::number_float: return "float";
-    default: return "integer";
+    case Json::value_t::null:
+      return "null";
+    case Json::value_t::boolean:
+      return "boolean";
+    case Json::value_t::string:
+      return "string";
+    case Json::value_t::array:
+      return "list";
+    case Json::value_t::object:
+      return "object";
+    case Json::value_t::number_float:
+      return "float";
+    default:
+      return "integer";
   }
 }
 

@@ -2,9 +2,8 @@
 // Dropbox's defaults and 400 texts, and the JSON shapes of metadata and error envelopes.
 #pragma once
 
-#include <nlohmann/json.hpp>
-
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,8 +22,8 @@ struct Exchange {
   std::string method = "POST";
   std::string route;  // without the leading "/2/": "files/download", or "oauth2/token"
   std::optional<std::string> contentType;
-  std::string authorization;            // the Authorization header, or "Bearer " + ?authorization=
-  std::optional<std::string> apiArg;    // Dropbox-API-Arg header, or the ?arg= parameter
+  std::string authorization;          // the Authorization header, or "Bearer " + ?authorization=
+  std::optional<std::string> apiArg;  // Dropbox-API-Arg header, or the ?arg= parameter
   std::string body;
 
   int status = 200;

@@ -10,7 +10,7 @@
 namespace wdc::emu {
 
 struct ZipItem {
-  std::string path;  // relative, '/'-separated; a folder's path ends in '/'
+  std::string path;           // relative, '/'-separated; a folder's path ends in '/'
   std::string_view contents;  // files only; must stay valid until the archive is built
   std::chrono::system_clock::time_point modified;
 };

@@ -81,12 +81,11 @@ double runCurl(const std::string& baseUrl, const std::string& caFile) {
 }
 
 double runPythonSdk(const wdc::emu::Emulator& emulator, const std::string& caFile) {
-  const std::string command = "DROPBOX_API_HOST=" + emulator.hostAndPort() +
-                              " DROPBOX_API_CONTENT_HOST=" + emulator.hostAndPort() +
-                              " REQUESTS_CA_BUNDLE=" + caFile + " /usr/bin/python3 " +
-                              WDC_SOURCE_DIR "/bench/emulator/sdk_peer.py " +
-                              std::to_string(kDownloads) + " " + std::to_string(kClients) + " " +
-                              std::to_string(kFiles);
+  const std::string command =
+      "DROPBOX_API_HOST=" + emulator.hostAndPort() +
+      " DROPBOX_API_CONTENT_HOST=" + emulator.hostAndPort() + " REQUESTS_CA_BUNDLE=" + caFile +
+      " /usr/bin/python3 " + WDC_SOURCE_DIR "/bench/emulator/sdk_peer.py " +
+      std::to_string(kDownloads) + " " + std::to_string(kClients) + " " + std::to_string(kFiles);
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return -1;
   char line[64] = {};
@@ -123,10 +122,9 @@ int main() {
   }
   fill(tls);
   fill(plain);
-  const std::string caFile =
-      (wdc::Env::real().temporaryDirectory() / ("emulator-bench-" + wdc::Env::real().newUUID() +
-                                                ".pem"))
-          .string();
+  const std::string caFile = (wdc::Env::real().temporaryDirectory() /
+                              ("emulator-bench-" + wdc::Env::real().newUUID() + ".pem"))
+                                 .string();
   if (!tls.writeCertificate(caFile, &error)) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return 1;
@@ -136,8 +134,10 @@ int main() {
   const double python = runPythonSdk(tls, caFile);
   std::remove(caFile.c_str());
 
-  std::printf("Emulator throughput: %d downloads of 100-byte files, %d clients in parallel, "
-              "keep-alive\n", kDownloads, kClients);
+  std::printf(
+      "Emulator throughput: %d downloads of 100-byte files, %d clients in parallel, "
+      "keep-alive\n",
+      kDownloads, kClients);
   std::printf("%-44s %12s %16s %9s\n", "client", "requests", "latency", "x of TLS");
   printRow("libcurl, 4 threads, TLS (the emulator alone)", curlTls, curlTls);
   printRow("libcurl, 4 threads, plain HTTP", curlPlain, curlTls);

@@ -13,14 +13,27 @@
 
 namespace {
 
-constexpr std::string_view kRoutes[] = {
-    "users/get_current_account", "files/list_folder", "files/list_folder/continue",
-    "files/search", "files/search_v2", "files/search/continue_v2", "files/create_folder_v2",
-    "files/upload", "files/upload_session/start", "files/upload_session/append_v2",
-    "files/upload_session/finish_batch", "files/upload_session/finish_batch/check",
-    "files/upload_session/finish_batch_v2", "files/download", "files/download_zip",
-    "files/delete_v2", "files/delete_batch", "files/delete_batch/check",
-    "auth/token/from_oauth1", "oauth2/token", "no/such/route"};
+constexpr std::string_view kRoutes[] = {"users/get_current_account",
+                                        "files/list_folder",
+                                        "files/list_folder/continue",
+                                        "files/search",
+                                        "files/search_v2",
+                                        "files/search/continue_v2",
+                                        "files/create_folder_v2",
+                                        "files/upload",
+                                        "files/upload_session/start",
+                                        "files/upload_session/append_v2",
+                                        "files/upload_session/finish_batch",
+                                        "files/upload_session/finish_batch/check",
+                                        "files/upload_session/finish_batch_v2",
+                                        "files/download",
+                                        "files/download_zip",
+                                        "files/delete_v2",
+                                        "files/delete_batch",
+                                        "files/delete_batch/check",
+                                        "auth/token/from_oauth1",
+                                        "oauth2/token",
+                                        "no/such/route"};
 
 }  // namespace
 
@@ -47,7 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   exchange.route = std::string(kRoutes[data[0] % std::size(kRoutes)]);
   const uint8_t flags = data[1];
   exchange.method = (flags & 1) ? "GET" : "POST";
-  if (flags & 2) exchange.contentType = (flags & 4) ? "application/json" : "application/octet-stream";
+  if (flags & 2)
+    exchange.contentType = (flags & 4) ? "application/json" : "application/octet-stream";
   exchange.authorization = (flags & 8) ? "Basic a2V5OnNlY3JldA==" : "Bearer token";
   const std::string_view rest = input.substr(2);
   const size_t newline = rest.find('\n');

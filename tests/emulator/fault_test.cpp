@@ -30,9 +30,20 @@ TEST(FaultSpec, ParsesEveryKindAndSuffix) {
       {"files/upload:429:0b@1#1", "files/upload", kTooManyRequests, 0, P::kBodyOnly, 1, 1},
       {"/files/list_folder:500", "files/list_folder", kInternalError, {}, P::kHeaderAndBody, 1, {}},
       {"*:503@0", "*", kUnavailable, {}, P::kHeaderAndBody, 0, {}},
-      {"files/download_zip:truncate", "files/download_zip", kTruncate, {}, P::kHeaderAndBody, 1, {}},
-      {"files/list_folder/continue:reset#2", "files/list_folder/continue", kReset, {},
-       P::kHeaderAndBody, 1, 2},
+      {"files/download_zip:truncate",
+       "files/download_zip",
+       kTruncate,
+       {},
+       P::kHeaderAndBody,
+       1,
+       {}},
+      {"files/list_folder/continue:reset#2",
+       "files/list_folder/continue",
+       kReset,
+       {},
+       P::kHeaderAndBody,
+       1,
+       2},
       {"*:latency:250", "*", kLatency, 250, P::kHeaderAndBody, 1, {}},
   };
   for (const SpecCase& c : cases) {
@@ -52,10 +63,10 @@ TEST(FaultSpec, ParsesEveryKindAndSuffix) {
 }
 
 TEST(FaultSpec, RejectsMalformedSpecsWithAReason) {
-  for (const char* spec : {"", "files/download", ":429", "*:418", "*:429:x", "*:429:-1",
-                           "*:latency", "*:latency:fast", "*:500:3", "*:drop@1.5", "*:drop@",
-                           "*:drop@nan", "*:drop#0", "*:drop#", "*:drop#-2",
-                           "files/download:reset", "*:429:99999999999"}) {
+  for (const char* spec :
+       {"", "files/download", ":429", "*:418", "*:429:x", "*:429:-1", "*:latency", "*:latency:fast",
+        "*:500:3", "*:drop@1.5", "*:drop@", "*:drop@nan", "*:drop#0", "*:drop#", "*:drop#-2",
+        "files/download:reset", "*:429:99999999999"}) {
     SCOPED_TRACE(spec);
     std::string error;
     EXPECT_FALSE(parseFaultSpec(spec, &error));
@@ -65,8 +76,8 @@ TEST(FaultSpec, RejectsMalformedSpecsWithAReason) {
 
 TEST(FaultInjector, ScriptedCountAppliesToTheNextMatchingRequestsOnly) {
   FaultInjector injector(1);
-  injector.add(FaultRule{.route = "files/download", .kind = FaultKind::kTooManyRequests,
-                         .argument = 2, .count = 3});
+  injector.add(FaultRule{
+      .route = "files/download", .kind = FaultKind::kTooManyRequests, .argument = 2, .count = 3});
   EXPECT_FALSE(injector.decide("files/upload").fault);
   for (int i = 0; i < 3; ++i) {
     const FaultDecision decision = injector.decide("files/download");

@@ -31,8 +31,7 @@ class HttpClient {
   HttpReply post(const std::string& route, const std::vector<std::string>& headers,
                  const std::string* body);
   // RPC call with a JSON body and the bearer token.
-  HttpReply rpc(const std::string& route, const std::string& json,
-                const std::string& token = "T");
+  HttpReply rpc(const std::string& route, const std::string& json, const std::string& token = "T");
   // Upload call: Dropbox-API-Arg + octet-stream body.
   HttpReply upload(const std::string& route, const std::string& arg, const std::string& data,
                    const std::string& token = "T");

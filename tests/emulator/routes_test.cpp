@@ -49,10 +49,10 @@ TEST_F(RoutesTest, RateLimitStatesItsBackOffWhereTheRuleSays) {
     std::optional<int> bodyRetryAfter;
     bool jsonBody;
   };
-  for (const Case& c : {Case{"files/download:429:2#1", "2", 2, true},
-                        Case{"files/download:429w:4h#1", "4", {}, false},
-                        Case{"files/download:429:3b#1", "", 3, true},
-                        Case{"files/download:429#1", "", {}, true}}) {
+  for (const Case& c :
+       {Case{"files/download:429:2#1", "2", 2, true},
+        Case{"files/download:429w:4h#1", "4", {}, false},
+        Case{"files/download:429:3b#1", "", 3, true}, Case{"files/download:429#1", "", {}, true}}) {
     SCOPED_TRACE(c.spec);
     emulator_->addFault(*parseFaultSpec(c.spec));
     const HttpReply reply = download("/a.txt");
@@ -116,9 +116,8 @@ TEST_F(RoutesTest, IssuedAccessTokensExpireAndRefresh) {
   EXPECT_EQ(json(expired)["error"][".tag"], "expired_access_token");
   EXPECT_EQ(json(expired)["error_summary"], "expired_access_token/..");
 
-  const std::string fresh =
-      json(client_->post("oauth2/token", {"Content-Type: application/x-www-form-urlencoded"},
-                         &form))["access_token"];
+  const std::string fresh = json(client_->post(
+      "oauth2/token", {"Content-Type: application/x-www-form-urlencoded"}, &form))["access_token"];
   EXPECT_NE(fresh, token);
   EXPECT_EQ(client_->rpc("users/get_current_account", "null", fresh).status, 200);
   emulator_->expireAccessTokens(/*includeConfigured=*/true);
@@ -141,16 +140,16 @@ TEST_F(RoutesTest, CursorsPageFollowChangesAndReset) {
   for (;;) {
     for (const Json& entry : page["entries"]) names.push_back(entry["name"]);
     if (!page["has_more"]) break;
-    page = json(client_->rpc("files/list_folder/continue",
-                             Json{{"cursor", page["cursor"]}}.dump()));
+    page =
+        json(client_->rpc("files/list_folder/continue", Json{{"cursor", page["cursor"]}}.dump()));
   }
   EXPECT_EQ(names, (std::vector<std::string>{"0.txt", "1.txt", "2.txt", "3.txt", "4.txt"}));
   const std::string since = page["cursor"];
 
   // Nothing changed: an empty page. Then a change, seen once.
-  EXPECT_TRUE(json(client_->rpc("files/list_folder/continue", Json{{"cursor", since}}.dump()))
-                  ["entries"]
-                      .empty());
+  EXPECT_TRUE(
+      json(client_->rpc("files/list_folder/continue", Json{{"cursor", since}}.dump()))["entries"]
+          .empty());
   emulator_->removePath("/f/1.txt");
   const Json changes =
       json(client_->rpc("files/list_folder/continue", Json{{"cursor", since}}.dump()));
@@ -159,7 +158,8 @@ TEST_F(RoutesTest, CursorsPageFollowChangesAndReset) {
   EXPECT_EQ(changes["entries"][0]["path_display"], "/f/1.txt");
 
   emulator_->invalidateCursors();
-  const HttpReply reset = client_->rpc("files/list_folder/continue", Json{{"cursor", since}}.dump());
+  const HttpReply reset =
+      client_->rpc("files/list_folder/continue", Json{{"cursor", since}}.dump());
   EXPECT_EQ(reset.status, 409);
   EXPECT_EQ(json(reset)["error_summary"], "reset/..");
 }
@@ -214,10 +214,11 @@ TEST_F(RoutesTest, HeaderArgumentsDecodeEscapesAndResultsComeBackEscaped) {
 
 TEST_F(RoutesTest, DownloadHonoursRangeAndZipRefusesIt) {
   emulator_->putFile("/Top/a.txt", "0123456789");
-  const HttpReply part = client_->post(
-      "files/download",
-      {"Authorization: Bearer T", "Dropbox-API-Arg: {\"path\": \"/Top/a.txt\"}", "Range: bytes=2-4"},
-      nullptr);
+  const HttpReply part =
+      client_->post("files/download",
+                    {"Authorization: Bearer T", "Dropbox-API-Arg: {\"path\": \"/Top/a.txt\"}",
+                     "Range: bytes=2-4"},
+                    nullptr);
   EXPECT_EQ(part.status, 206);
   EXPECT_EQ(part.body, "234");
   const HttpReply zip = client_->post(
@@ -252,9 +253,8 @@ TEST_F(RoutesTest, BatchesRefuseMoreThanAThousandEntries) {
 }
 
 TEST_F(RoutesTest, AsyncJobsCommitOnlyWhenComplete) {
-  const std::string sid =
-      json(client_->upload("files/upload_session/start", R"({"close": true})", "data"))
-          ["session_id"];
+  const std::string sid = json(
+      client_->upload("files/upload_session/start", R"({"close": true})", "data"))["session_id"];
   const Json finish = {
       {"entries",
        {{{"cursor", {{"session_id", sid}, {"offset", 4}}}, {"commit", {{"path", "/j.txt"}}}}}}};
@@ -285,9 +285,8 @@ TEST_F(RoutesTest, EntryFaultsFailSingleEntriesOfACompleteBatch) {
   emulator_->putFile("/b", "2");
   emulator_->setBatchCheckPolls(0);
   emulator_->addFault(*parseFaultSpec("files/delete_batch/entry:429w#1"));
-  const std::string job = json(client_->rpc("files/delete_batch",
-                                            R"({"entries": [{"path": "/a"}, {"path": "/b"}]})"))
-      ["async_job_id"];
+  const std::string job = json(client_->rpc(
+      "files/delete_batch", R"({"entries": [{"path": "/a"}, {"path": "/b"}]})"))["async_job_id"];
   const std::string poll = Json{{"async_job_id", job}}.dump();
   const Json done = json(client_->rpc("files/delete_batch/check", poll));
   ASSERT_EQ(done[".tag"], "complete");
@@ -303,13 +302,13 @@ TEST_F(RoutesTest, EntryFaultsFailSingleEntriesOfACompleteBatch) {
       Json{{"entries",
             {{{"cursor", {{"session_id", sid}, {"offset", 1}}}, {"commit", {{"path", "/c"}}}}}}}
           .dump();
-  EXPECT_EQ(json(client_->rpc("files/upload_session/finish_batch_v2", finish))["entries"][0]
-                ["failure"][".tag"],
+  EXPECT_EQ(json(client_->rpc("files/upload_session/finish_batch_v2",
+                              finish))["entries"][0]["failure"][".tag"],
             "too_many_write_operations");
   // The session is still there: the retry commits it.
-  EXPECT_EQ(json(client_->rpc("files/upload_session/finish_batch_v2", finish))["entries"][0]
-                [".tag"],
-            "success");
+  EXPECT_EQ(
+      json(client_->rpc("files/upload_session/finish_batch_v2", finish))["entries"][0][".tag"],
+      "success");
 }
 
 // Reads every entry name and size of a ZIP with libarchive.
@@ -336,9 +335,9 @@ TEST_F(RoutesTest, DownloadZipIsRootedAtTheFolderName) {
   EXPECT_EQ(reply.contentType(), "application/zip");
   EXPECT_EQ(Json::parse(reply.header("dropbox-api-result"))["metadata"]["path_display"], "/Top");
   using Entry = std::pair<std::string, int64_t>;
-  EXPECT_EQ(zipEntries(reply.body),
-            (std::vector<Entry>{{"Top/", 0}, {"Top/a.txt", 1}, {"Top/Sub/", 0},
-                                {"Top/Sub/b.txt", 2}}));
+  EXPECT_EQ(
+      zipEntries(reply.body),
+      (std::vector<Entry>{{"Top/", 0}, {"Top/a.txt", 1}, {"Top/Sub/", 0}, {"Top/Sub/b.txt", 2}}));
   EXPECT_EQ(emulator_->requestCount("files/download_zip"), 1u);
   EXPECT_EQ(emulator_->requestCount("files/download"), 0u);
 }
@@ -361,8 +360,8 @@ TEST_F(ZipLimitsTest, RefusesTooManyEntriesAndTooManyBytes) {
   emulator_->putFile("/Big/a", "12345678901");
   EXPECT_EQ(json(client_->download("files/download_zip", R"({"path": "/Big"})"))["error"][".tag"],
             "too_large");
-  EXPECT_EQ(json(client_->download("files/download_zip", R"({"path": "/Big/a"})"))["error"]
-                ["path"][".tag"],
+  EXPECT_EQ(json(client_->download("files/download_zip",
+                                   R"({"path": "/Big/a"})"))["error"]["path"][".tag"],
             "not_folder");
 }
 

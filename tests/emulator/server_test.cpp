@@ -59,8 +59,8 @@ TEST_P(ServerTest, ChecksTheBearerToken) {
   EXPECT_EQ(Json::parse(wrong.body)["error"][".tag"], "invalid_access_token");
 
   const std::string body = "null";
-  const auto missing = client_->post("users/get_current_account",
-                                     {"Content-Type: application/json"}, &body);
+  const auto missing =
+      client_->post("users/get_current_account", {"Content-Type: application/json"}, &body);
   EXPECT_EQ(missing.status, 400);
   EXPECT_NE(missing.body.find("Must provide HTTP header \"Authorization\""), std::string::npos);
 }

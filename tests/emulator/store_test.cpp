@@ -1,8 +1,9 @@
 // The emulator's store: Dropbox content hashes, write modes and conflicts, the journal that
 // list_folder/continue reads, and listings that must not confuse "/a b" with "/a/b".
+#include "emulator/store.h"
+
 #include <gtest/gtest.h>
 
-#include "emulator/store.h"
 #include "platform/virtual_env.h"
 
 namespace wdc::emu {
@@ -52,14 +53,16 @@ TEST_F(StoreTest, WriteModesDecideConflicts) {
   const WriteOutcome same = write("/Notes/Doc.txt", "one", WriteMode{WriteMode::kAdd});
   ASSERT_TRUE(same.entry);
   EXPECT_EQ(same.entry->rev, firstRev);
-  EXPECT_EQ(write("/Notes/Doc.txt", "one", WriteMode{.kind = WriteMode::kAdd, .strictConflict = true})
-                .failure,
-            WriteFailure::kConflictFile);
+  EXPECT_EQ(
+      write("/Notes/Doc.txt", "one", WriteMode{.kind = WriteMode::kAdd, .strictConflict = true})
+          .failure,
+      WriteFailure::kConflictFile);
 
-  EXPECT_EQ(write("/Notes/Doc.txt", "two", WriteMode{WriteMode::kUpdate, "0150000000000bad"})
-                .failure,
-            WriteFailure::kConflictFile);
-  const WriteOutcome updated = write("/Notes/Doc.txt", "two", WriteMode{WriteMode::kUpdate, firstRev});
+  EXPECT_EQ(
+      write("/Notes/Doc.txt", "two", WriteMode{WriteMode::kUpdate, "0150000000000bad"}).failure,
+      WriteFailure::kConflictFile);
+  const WriteOutcome updated =
+      write("/Notes/Doc.txt", "two", WriteMode{WriteMode::kUpdate, firstRev});
   ASSERT_TRUE(updated.entry);
   EXPECT_NE(updated.entry->rev, firstRev);
   EXPECT_EQ(updated.entry->id, firstId);  // an id survives new revisions
@@ -111,8 +114,8 @@ TEST_F(StoreTest, JournalReportsDeletionsFirstThenLiveEntriesParentsFirst) {
   for (const Change& change : store_.changesSince(since, "/keep", true)) {
     seen.push_back((change.entry ? "+" : "-") + change.pathLower);
   }
-  EXPECT_EQ(seen, (std::vector<std::string>{"+/keep/new", "+/keep/new/deeper.txt",
-                                            "+/keep/old.txt"}));
+  EXPECT_EQ(seen,
+            (std::vector<std::string>{"+/keep/new", "+/keep/new/deeper.txt", "+/keep/old.txt"}));
   seen.clear();
   for (const Change& change : store_.changesSince(since, "", true)) {
     seen.push_back((change.entry ? "+" : "-") + change.pathLower);

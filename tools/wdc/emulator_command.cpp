@@ -1,8 +1,7 @@
 // `wdc emulator`: runs the loopback Dropbox API v2 emulator until SIGINT or SIGTERM.
-#include <CLI/CLI.hpp>
-
 #include <signal.h>
 
+#include <CLI/CLI.hpp>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -82,10 +81,10 @@ void registerEmulatorCommand(CLI::App& app) {
                       "Write the certificate (PEM) here for clients to trust");
   command->add_option("--token", options->emulator.token,
                       "Accept only this bearer token (default: any non-empty one)");
-  command->add_option("--port", options->emulator.port, "Port; 0 picks a free one")
-      ->default_val(0);
-  command->add_option("--fault", options->faults,
-                      "ROUTE:KIND[:ARG][@P][#N]; KIND 429|429w|500|503|drop|truncate|reset|latency")
+  command->add_option("--port", options->emulator.port, "Port; 0 picks a free one")->default_val(0);
+  command
+      ->add_option("--fault", options->faults,
+                   "ROUTE:KIND[:ARG][@P][#N]; KIND 429|429w|500|503|drop|truncate|reset|latency")
       ->take_all();
   command->add_option("--fault-seed", options->emulator.faultSeed, "Seed of the fault draws");
   command->add_option("--latency-ms", options->emulator.latencyMs, "Added to every request");
