@@ -162,7 +162,7 @@ bool Emulator::Impl::checkAppAuth(Exchange& exchange) {
 }
 
 std::optional<FaultKind> Emulator::Impl::serve(Exchange& exchange) {
-  const auto arrival = std::chrono::steady_clock::now();
+  const auto arrival = env().uptime();
   {
     std::lock_guard lock(mutex);
     ++counts[exchange.route];

@@ -170,9 +170,10 @@ class Emulator {
   [[nodiscard]] uint64_t requestCount(std::string_view route) const;
   void resetRequestCounts();
   // Called on a worker thread as each request arrives (before it is answered), with its route,
-  // whether an injected rate-limit fault answers it, and the arrival time. Set before start().
+  // whether an injected rate-limit fault answers it, and the arrival time on the Env's uptime
+  // clock (the clock the library's cooldown runs on). Set before start().
   using ArrivalObserver = std::function<void(std::string_view route, bool rateLimited,
-                                             std::chrono::steady_clock::time_point arrival)>;
+                                             std::chrono::nanoseconds arrivalUptime)>;
   void setArrivalObserver(ArrivalObserver observer);
 
   // Direct state access. Paths are display paths ("/Notes/a.txt"); missing parents are created.

@@ -29,7 +29,6 @@
 namespace wdc::bench {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 constexpr const char* kToken = "bench-token";
 constexpr const char* kRoute = "users/get_current_account";
 
@@ -117,11 +116,11 @@ void cooldown(int connections, double seconds, double faultProbability) {
   emu::Emulator emulator({.tls = true, .token = kToken, .faultSeed = 7});
   std::mutex mutex;
   struct Arrival {
-    Clock::time_point at;
+    std::chrono::nanoseconds at;
     bool rateLimited;
   };
   std::vector<Arrival> arrivals;
-  emulator.setArrivalObserver([&](std::string_view route, bool rateLimited, Clock::time_point at) {
+  emulator.setArrivalObserver([&](std::string_view route, bool rateLimited, std::chrono::nanoseconds at) {
     if (route != kRoute) return;
     std::lock_guard lock(mutex);
     arrivals.push_back({at, rateLimited});
@@ -156,7 +155,7 @@ void cooldown(int connections, double seconds, double faultProbability) {
   std::sort(arrivals.begin(), arrivals.end(),
             [](const Arrival& a, const Arrival& b) { return a.at < b.at; });
   int64_t violations = 0, inMargin = 0, limited = 0;
-  Clock::time_point lastLimit{};
+  std::chrono::nanoseconds lastLimit{};
   bool anyLimit = false;
   for (const auto& arrival : arrivals) {
     if (anyLimit) {
