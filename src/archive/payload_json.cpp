@@ -224,7 +224,8 @@ bool arrayFromJson(const Json& json, PlistValue::Array& out, ErrorOut error, siz
   return true;
 }
 
-bool specialFromJson(const Json& json, PlistValue& out, ErrorOut error, size_t depth) {
+[[gnu::noinline]] bool specialFromJson(const Json& json, PlistValue& out, ErrorOut error,
+                                       size_t depth) {
   if (json.contains("$time")) {
     if (!json["$time"].is_number()) return fail(error, "$time is not a number");
     out = PlistValue(Date{json["$time"].get<double>()});
@@ -330,6 +331,31 @@ bool specialFromJson(const Json& json, PlistValue& out, ErrorOut error, size_t d
   return fail(error, "object with an unknown \"$\" key");
 }
 
+// Containers are read in their own functions so that fromJson, the frame repeated at every
+// level of nesting, stays small (sanitizer builds give every local its own guard zone).
+[[gnu::noinline]] bool objectFromJson(const Json& json, PlistValue& out, ErrorOut error,
+                                      size_t depth) {
+  for (const auto& [key, item] : json.items()) {
+    if (key.starts_with('$')) return specialFromJson(json, out, error, depth);
+  }
+  PlistDictionary dict;
+  for (const auto& [key, item] : json.items()) {
+    PlistValue value;
+    if (!fromJson(item, value, error, depth + 1)) return false;
+    dict.set(key, std::move(value));
+  }
+  out = PlistValue(std::move(dict));
+  return true;
+}
+
+[[gnu::noinline]] bool arrayValueFromJson(const Json& json, PlistValue& out, ErrorOut error,
+                                          size_t depth) {
+  PlistValue::Array items;
+  if (!arrayFromJson(json, items, error, depth)) return false;
+  out = PlistValue(std::move(items));
+  return true;
+}
+
 bool fromJson(const Json& json, PlistValue& out, ErrorOut error, size_t depth) {
   if (depth > kMaxJsonDepth) return fail(error, "nesting too deep");
   switch (json.type()) {
@@ -340,26 +366,9 @@ bool fromJson(const Json& json, PlistValue& out, ErrorOut error, size_t depth) {
       out = PlistValue(static_cast<unsigned long long>(json.get<uint64_t>()));
       return true;
     case Json::value_t::number_float: out = PlistValue(json.get<double>()); return true;
-    case Json::value_t::string: out = PlistValue(json.get<std::string>()); return true;
-    case Json::value_t::array: {
-      PlistValue::Array items;
-      if (!arrayFromJson(json, items, error, depth)) return false;
-      out = PlistValue(std::move(items));
-      return true;
-    }
-    case Json::value_t::object: {
-      for (const auto& [key, item] : json.items()) {
-        if (key.starts_with('$')) return specialFromJson(json, out, error, depth);
-      }
-      PlistDictionary dict;
-      for (const auto& [key, item] : json.items()) {
-        PlistValue value;
-        if (!fromJson(item, value, error, depth + 1)) return false;
-        dict.set(key, std::move(value));
-      }
-      out = PlistValue(std::move(dict));
-      return true;
-    }
+    case Json::value_t::string: out = PlistValue(json.get_ref<const std::string&>()); return true;
+    case Json::value_t::array: return arrayValueFromJson(json, out, error, depth);
+    case Json::value_t::object: return objectFromJson(json, out, error, depth);
     default: return fail(error, "unsupported JSON value");
   }
 }

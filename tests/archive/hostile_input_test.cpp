@@ -101,8 +101,13 @@ Bytes arrayChain(size_t levels, size_t fanOut) {
 
 TEST(HostileArchive, NestingOneHundredThousandDeepIsRefused) {
   EXPECT_NE(refusal(arrayChain(100000, 1)).find("too deep"), std::string::npos);
+  // Just inside the limit: decodes, and the deep value survives the JSON form and re-archiving.
   std::optional<Error> error;
-  EXPECT_TRUE(unarchiveTopLevelObjects(arrayChain(400, 1), &error).has_value());
+  auto deep = unarchiveTopLevelObjects(arrayChain(510, 1), &error);
+  ASSERT_TRUE(deep.has_value()) << error->description();
+  const PlistValue& value = *deep->find("data");
+  EXPECT_EQ(payloadValueFromJSON(payloadValueToJSON(value, -1), &error), value);
+  EXPECT_EQ(unarchiveTopLevelObjects(archiveTopLevelObjects(*deep), &error), deep);
 }
 
 TEST(HostileArchive, ReferencesThatFanOutExponentiallyAreStoppedByTheBudget) {

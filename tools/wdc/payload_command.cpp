@@ -55,16 +55,15 @@ void registerPayloadCommand(CLI::App& app) {
   payload->require_subcommand(1);
 
   auto* decodeCmd = payload->add_subcommand("decode", "Print a stored payload's data as JSON");
-  auto* file = new std::string;  // lives as long as the process, like the App
-  decodeCmd->add_option("FILE", *file, "Stored payload (gzip of a keyed archive)")->required();
-  decodeCmd->callback([file] { decode(*file); });
+  // Option values outlive parsing: the callbacks run after it.
+  static std::string file, jsonFile, outFile;
+  decodeCmd->add_option("FILE", file, "Stored payload (gzip of a keyed archive)")->required();
+  decodeCmd->callback([] { decode(file); });
 
   auto* encodeCmd = payload->add_subcommand("encode", "Write a stored payload from JSON");
-  auto* jsonFile = new std::string;
-  auto* outFile = new std::string;
-  encodeCmd->add_option("JSON_FILE", *jsonFile, "JSON in the payload form")->required();
-  encodeCmd->add_option("OUT_FILE", *outFile, "Where to write the stored payload")->required();
-  encodeCmd->callback([jsonFile, outFile] { encode(*jsonFile, *outFile); });
+  encodeCmd->add_option("JSON_FILE", jsonFile, "JSON in the payload form")->required();
+  encodeCmd->add_option("OUT_FILE", outFile, "Where to write the stored payload")->required();
+  encodeCmd->callback([] { encode(jsonFile, outFile); });
 }
 
 }  // namespace wdc::cli
