@@ -22,7 +22,7 @@ namespace {
 constexpr int kDownloads = 2000;
 constexpr int kInFlight = 4;
 constexpr int kFiles = 200;
-constexpr int kRounds = 3;
+constexpr int kRounds = 5;
 constexpr size_t kFileBytes = 100;  // what the SDK peer script checks
 
 std::string remotePath(int index) { return "/bench/f" + std::to_string(index % kFiles) + ".txt"; }

@@ -4,6 +4,9 @@
 // account at a time), with finish_batch_v2, falling back to finish_batch and polling
 // finish_batch/check when the server does not offer v2. Files are keyed by local file URL
 // ("file:///tmp/a.gz"; a plain path is accepted too) and answers come back under the same key.
+// A rate-limited session or commit request waits out the server's back-off on the Env's timer
+// (so under a VirtualEnv it waits for the test to advance time) and is tried up to four more
+// times; commit jobs of the classic form are polled every 250 ms the same way.
 #pragma once
 
 #include <cstdint>
