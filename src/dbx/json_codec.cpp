@@ -226,7 +226,7 @@ bool decode(const Json& value, DBVoid&) { return value.is_null() || value.is_obj
 bool decode(const Json& value, DBUSERSFullAccount& out) {
   const Json* name = field(value, "name");
   if (name == nullptr || !getString(value, "account_id", out.accountId) ||
-      !getString(*name, "display_name", out.name.displayName)) {
+      !getOptString(*name, "display_name", out.name.displayName)) {
     return false;
   }
   // The remaining name parts and account fields are informational; wrong types still fail.

@@ -71,7 +71,8 @@ struct DBUSERSName {
   std::string givenName;
   std::string surname;
   std::string familiarName;
-  std::string displayName;
+  // Absent when the answer leaves it out; callers then have no name to show, not an error.
+  std::optional<std::string> displayName;
   std::string abbreviatedName;
 };
 

@@ -197,7 +197,7 @@ TEST(DbxDecoders, SearchReadsBothTheV2AndTheClassicShape) {
       R"({"matches": [{"metadata": )" + std::string(kFile) + R"(}], "has_more": false})"));
 }
 
-TEST(DbxDecoders, AccountNeedsIdAndDisplayName) {
+TEST(DbxDecoders, AccountNeedsAnIdAndMayLackADisplayName) {
   auto account = json::decodeText<DBUSERSFullAccount>(
       R"({"account_id": "dbid:AADq1kV3b7XyZp0Qw2Er4Ty6Ui8Op9AsDfG", "name": {"given_name": "Ada",
           "surname": "Lovelace", "familiar_name": "Ada", "display_name": "Ada Lovelace",
@@ -206,7 +206,12 @@ TEST(DbxDecoders, AccountNeedsIdAndDisplayName) {
   ASSERT_TRUE(account);
   EXPECT_EQ(account->name.displayName, "Ada Lovelace");
   EXPECT_EQ(account->accountType, "basic");
-  EXPECT_FALSE(json::decodeText<DBUSERSFullAccount>(R"({"account_id": "x", "name": {}})"));
+  auto nameless = json::decodeText<DBUSERSFullAccount>(R"({"account_id": "x", "name": {}})");
+  ASSERT_TRUE(nameless);
+  EXPECT_FALSE(nameless->name.displayName.has_value());
+  EXPECT_FALSE(json::decodeText<DBUSERSFullAccount>(R"({"name": {"display_name": "A"}})"));
+  EXPECT_FALSE(json::decodeText<DBUSERSFullAccount>(
+      R"({"account_id": "x", "name": {"display_name": 5}})"));
   EXPECT_FALSE(json::decodeText<DBUSERSFullAccount>(
       R"({"account_id": "x", "name": {"display_name": "A"}, "email_verified": "yes"})"));
 }
