@@ -12,7 +12,7 @@
 namespace wdc::emu {
 namespace {
 
-constexpr RouteSpec kRoutes[] = {
+constexpr RouteEntry kRoutes[] = {
     {"users/get_current_account", RouteStyle::kRpc, RouteAuth::kUser, true,
      handleGetCurrentAccount},
     {"oauth2/token", RouteStyle::kForm, RouteAuth::kNone, true, handleOAuth2Token},
@@ -72,8 +72,8 @@ void replyRateLimit(Exchange& exchange, const FaultRule& rule) {
 
 }  // namespace
 
-const RouteSpec* findRoute(std::string_view name) {
-  for (const RouteSpec& route : kRoutes) {
+const RouteEntry* findRoute(std::string_view name) {
+  for (const RouteEntry& route : kRoutes) {
     if (route.name == name) return &route;
   }
   return nullptr;
@@ -203,7 +203,7 @@ std::optional<FaultKind> Emulator::Impl::serve(Exchange& exchange) {
     }
   }
 
-  const RouteSpec* route = findRoute(exchange.route);
+  const RouteEntry* route = findRoute(exchange.route);
   if (route == nullptr) {
     exchange.replyText(404, "Unknown API function: \"" + exchange.route + "\"");
     return transportFault;

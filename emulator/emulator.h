@@ -82,8 +82,8 @@ struct FaultRule {
 // "files/download:429:2#3" (the next three downloads answer 429 with Retry-After 2),
 // "files/upload:429" (a 429 that states no back-off), "files/upload:429:2b" (body only).
 // KIND is one of 429, 429w, 500, 503, drop, truncate, reset, latency (latency needs ARG).
-// Returns nullopt and, when `error` is non-null, a reason when the text is not such a spec.
-[[nodiscard]] std::optional<FaultRule> parseFaultSpec(std::string_view spec,
+// Returns nullopt and, when `error` is non-null, a reason when the text is not such a rule.
+[[nodiscard]] std::optional<FaultRule> parseFaultRule(std::string_view text,
                                                       std::string* error = nullptr);
 
 struct EmulatorOptions {

@@ -113,7 +113,7 @@ using RouteHandler = void (*)(Emulator::Impl& impl, Exchange& exchange, const Js
 enum class RouteStyle { kRpc, kUpload, kDownload, kForm };
 enum class RouteAuth { kUser, kApp, kNone };
 
-struct RouteSpec {
+struct RouteEntry {
   std::string_view name;
   RouteStyle style;
   RouteAuth auth;
@@ -122,7 +122,7 @@ struct RouteSpec {
 };
 
 // The route of that name, or nullptr.
-const RouteSpec* findRoute(std::string_view name);
+const RouteEntry* findRoute(std::string_view name);
 
 // Route handlers, one family per file.
 void handleGetCurrentAccount(Emulator::Impl&, Exchange&, const Json&);

@@ -1,7 +1,7 @@
 // The emulator's request pipeline on arbitrary input, without sockets: a route picked by the
 // first byte, then a Dropbox-API-Arg header text and a body split at the first newline, through
 // authentication, argument decoding and the route itself. The whole input is also parsed as a
-// fault spec, and a spec that parses is injected. Every answer must be a well-formed HTTP answer:
+// fault rule, and a rule that parses is injected. Every answer must be a well-formed HTTP answer:
 // a known status, JSON bodies that parse, and a Dropbox-API-Result header in ASCII.
 #include <cstddef>
 #include <cstdint>
@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   impl.store.createFolder("/Empty", false, env.now());
 
   const std::string_view input(reinterpret_cast<const char*>(data), size);
-  if (std::optional<wdc::emu::FaultRule> rule = wdc::emu::parseFaultSpec(input)) {
+  if (std::optional<wdc::emu::FaultRule> rule = wdc::emu::parseFaultRule(input)) {
     if (rule->probability < 0.0 || rule->probability > 1.0) __builtin_trap();
     impl.faults.add(*rule);
   }

@@ -1,4 +1,4 @@
-// Fault specs as `wdc emulator --fault` takes them, and the injector's choice per request:
+// Fault rules as `wdc emulator --fault` takes them, and the injector's choice per request:
 // scripted counts, seeded probabilities, latency that adds up, reset only where it means something.
 #include <gtest/gtest.h>
 
@@ -8,8 +8,8 @@
 namespace wdc::emu {
 namespace {
 
-struct SpecCase {
-  const char* spec;
+struct RuleCase {
+  const char* text;
   const char* route;
   FaultKind kind;
   std::optional<uint32_t> argument;
@@ -18,10 +18,10 @@ struct SpecCase {
   std::optional<uint64_t> count;
 };
 
-TEST(FaultSpec, ParsesEveryKindAndSuffix) {
+TEST(FaultRuleText, ParsesEveryKindAndSuffix) {
   using enum FaultKind;
   using P = RetryAfterPlacement;
-  const SpecCase cases[] = {
+  const RuleCase cases[] = {
       {"*:429:1@0.1", "*", kTooManyRequests, 1, P::kHeaderAndBody, 0.1, {}},
       {"files/download:drop@0.05", "files/download", kDrop, {}, P::kHeaderAndBody, 0.05, {}},
       {"files/download:429:2#3", "files/download", kTooManyRequests, 2, P::kHeaderAndBody, 1, 3},
@@ -46,10 +46,10 @@ TEST(FaultSpec, ParsesEveryKindAndSuffix) {
        2},
       {"*:latency:250", "*", kLatency, 250, P::kHeaderAndBody, 1, {}},
   };
-  for (const SpecCase& c : cases) {
-    SCOPED_TRACE(c.spec);
+  for (const RuleCase& c : cases) {
+    SCOPED_TRACE(c.text);
     std::string error;
-    const std::optional<FaultRule> rule = parseFaultSpec(c.spec, &error);
+    const std::optional<FaultRule> rule = parseFaultRule(c.text, &error);
     ASSERT_TRUE(rule) << error;
     EXPECT_EQ(rule->route, c.route);
     EXPECT_EQ(rule->kind, c.kind);
@@ -62,15 +62,15 @@ TEST(FaultSpec, ParsesEveryKindAndSuffix) {
   }
 }
 
-TEST(FaultSpec, RejectsMalformedSpecsWithAReason) {
-  for (const char* spec :
+TEST(FaultRuleText, RejectsMalformedRulesWithAReason) {
+  for (const char* text :
        {"", "files/download", ":429", "*:418", "*:429:x", "*:429:-1", "*:latency", "*:latency:fast",
         "*:500:3", "*:drop@1.5", "*:drop@", "*:drop@nan", "*:drop#0", "*:drop#", "*:drop#-2",
         "files/download:reset", "*:429:99999999999"}) {
-    SCOPED_TRACE(spec);
+    SCOPED_TRACE(text);
     std::string error;
-    EXPECT_FALSE(parseFaultSpec(spec, &error));
-    EXPECT_NE(error.find("bad fault spec"), std::string::npos);
+    EXPECT_FALSE(parseFaultRule(text, &error));
+    EXPECT_NE(error.find("bad fault rule"), std::string::npos);
   }
 }
 

@@ -44,7 +44,7 @@ class RoutesTest : public ::testing::Test {
 TEST_F(RoutesTest, RateLimitStatesItsBackOffWhereTheRuleSays) {
   emulator_->putFile("/a.txt", "abc");
   struct Case {
-    const char* spec;
+    const char* text;
     const char* header;
     std::optional<int> bodyRetryAfter;
     bool jsonBody;
@@ -53,8 +53,8 @@ TEST_F(RoutesTest, RateLimitStatesItsBackOffWhereTheRuleSays) {
        {Case{"files/download:429:2#1", "2", 2, true},
         Case{"files/download:429w:4h#1", "4", {}, false},
         Case{"files/download:429:3b#1", "", 3, true}, Case{"files/download:429#1", "", {}, true}}) {
-    SCOPED_TRACE(c.spec);
-    emulator_->addFault(*parseFaultSpec(c.spec));
+    SCOPED_TRACE(c.text);
+    emulator_->addFault(*parseFaultRule(c.text));
     const HttpReply reply = download("/a.txt");
     EXPECT_EQ(reply.status, 429);
     EXPECT_EQ(reply.header("retry-after"), c.header);
@@ -76,14 +76,14 @@ TEST_F(RoutesTest, RateLimitStatesItsBackOffWhereTheRuleSays) {
 
 TEST_F(RoutesTest, TransportFaultsLookLikeBrokenConnections) {
   emulator_->putFile("/a.txt", std::string(1000, 'x'));
-  emulator_->addFault(*parseFaultSpec("files/download:drop#1"));
+  emulator_->addFault(*parseFaultRule("files/download:drop#1"));
   EXPECT_EQ(download("/a.txt").curlCode, CURLE_GOT_NOTHING);
-  emulator_->addFault(*parseFaultSpec("files/download:truncate#1"));
+  emulator_->addFault(*parseFaultRule("files/download:truncate#1"));
   const HttpReply cut = download("/a.txt");
   EXPECT_EQ(cut.curlCode, CURLE_PARTIAL_FILE);
   EXPECT_EQ(cut.body.size(), 500u);
-  emulator_->addFault(*parseFaultSpec("*:500#1"));
-  emulator_->addFault(*parseFaultSpec("*:503#1"));
+  emulator_->addFault(*parseFaultRule("*:500#1"));
+  emulator_->addFault(*parseFaultRule("*:503#1"));
   EXPECT_EQ(download("/a.txt").status, 500);
   EXPECT_EQ(download("/a.txt").status, 503);
   const HttpReply fine = download("/a.txt");
@@ -94,7 +94,7 @@ TEST_F(RoutesTest, TransportFaultsLookLikeBrokenConnections) {
 }
 
 TEST_F(RoutesTest, LatencyWaitsThroughTheEnv) {
-  emulator_->addFault(*parseFaultSpec("users/get_current_account:latency:30000#1"));
+  emulator_->addFault(*parseFaultRule("users/get_current_account:latency:30000#1"));
   const auto before = env_.uptime();
   EXPECT_EQ(client_->rpc("users/get_current_account", "null").status, 200);
   EXPECT_GE(env_.uptime() - before, 30s);
@@ -284,7 +284,7 @@ TEST_F(RoutesTest, EntryFaultsFailSingleEntriesOfACompleteBatch) {
   emulator_->putFile("/a", "1");
   emulator_->putFile("/b", "2");
   emulator_->setBatchCheckPolls(0);
-  emulator_->addFault(*parseFaultSpec("files/delete_batch/entry:429w#1"));
+  emulator_->addFault(*parseFaultRule("files/delete_batch/entry:429w#1"));
   const std::string job = json(client_->rpc(
       "files/delete_batch", R"({"entries": [{"path": "/a"}, {"path": "/b"}]})"))["async_job_id"];
   const std::string poll = Json{{"async_job_id", job}}.dump();
@@ -295,7 +295,7 @@ TEST_F(RoutesTest, EntryFaultsFailSingleEntriesOfACompleteBatch) {
   EXPECT_TRUE(emulator_->lookup("/a"));
   EXPECT_FALSE(emulator_->lookup("/b"));
 
-  emulator_->addFault(*parseFaultSpec("files/upload_session/finish_batch/entry:429w#1"));
+  emulator_->addFault(*parseFaultRule("files/upload_session/finish_batch/entry:429w#1"));
   const std::string sid =
       json(client_->upload("files/upload_session/start", R"({"close": true})", "x"))["session_id"];
   const std::string finish =

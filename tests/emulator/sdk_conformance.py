@@ -290,7 +290,7 @@ def main():
     failures = 0
     refused = subprocess.run([wdc, "emulator", "--fault", "files/download:teapot"],
                              capture_output=True, text=True, timeout=30)
-    if refused.returncode != 2 or "bad fault spec" not in refused.stderr:
+    if refused.returncode != 2 or "bad fault rule" not in refused.stderr:
         print("a bad --fault was not refused: %r" % (refused,))
         failures += 1
     with tempfile.TemporaryDirectory() as directory:

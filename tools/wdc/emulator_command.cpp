@@ -24,9 +24,9 @@ struct EmulatorCommandOptions {
 
 int runEmulator(EmulatorCommandOptions& options) {
   std::vector<emu::FaultRule> rules;
-  for (const std::string& spec : options.faults) {
+  for (const std::string& text : options.faults) {
     std::string error;
-    std::optional<emu::FaultRule> rule = emu::parseFaultSpec(spec, &error);
+    std::optional<emu::FaultRule> rule = emu::parseFaultRule(text, &error);
     if (!rule) {
       std::cerr << "wdc emulator: " << error << "\n";
       return 2;

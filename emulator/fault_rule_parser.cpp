@@ -1,4 +1,4 @@
-// Parses the `ROUTE:KIND[:ARG][@P][#N]` fault specs of `wdc emulator --fault`.
+// Parses the `ROUTE:KIND[:ARG][@P][#N]` fault rules of `wdc emulator --fault`.
 #include <charconv>
 #include <cmath>
 
@@ -37,13 +37,13 @@ std::optional<FaultKind> parseKind(std::string_view text) {
 
 }  // namespace
 
-std::optional<FaultRule> parseFaultSpec(std::string_view spec, std::string* error) {
+std::optional<FaultRule> parseFaultRule(std::string_view text, std::string* error) {
   auto fail = [&](std::string_view why) -> std::optional<FaultRule> {
-    if (error) *error = "bad fault spec \"" + std::string(spec) + "\": " + std::string(why);
+    if (error) *error = "bad fault rule \"" + std::string(text) + "\": " + std::string(why);
     return std::nullopt;
   };
   FaultRule rule;
-  std::string_view rest = spec;
+  std::string_view rest = text;
   if (const size_t hash = rest.rfind('#'); hash != std::string_view::npos) {
     uint64_t count = 0;
     if (!parseWhole(rest.substr(hash + 1), count) || count == 0) {
