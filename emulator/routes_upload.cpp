@@ -97,6 +97,20 @@ const Json* readFinishEntries(Exchange& exchange, const Json& arg) {
   return entries;
 }
 
+// Answers the route error an uploaded body earns (too large, or not matching the content hash the
+// client sent) and says whether it did.
+bool refusedBody(Exchange& exchange, const std::optional<std::string>& hash) {
+  if (exchange.body.size() > kMaxRequestBytes) {
+    exchange.replyRouteError(tag("payload_too_large"));
+    return true;
+  }
+  if (hash && *hash != Store::contentHash(exchange.body)) {
+    exchange.replyRouteError(tag("content_hash_mismatch"));
+    return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 Json runFinishBatch(Emulator::Impl& impl, const Json& entries) {
@@ -111,12 +125,7 @@ void handleUpload(Emulator::Impl& impl, Exchange& exchange, const Json& arg) {
   const std::optional<std::string> hash = args.optionalString("content_hash");
   if (args.ok() && hash && hash->size() != 64) args.fail("content_hash: must be 64 characters");
   if (!args.ok()) return exchange.replyBadInput(args.problem());
-  if (exchange.body.size() > kMaxRequestBytes) {
-    return exchange.replyRouteError(tag("payload_too_large"));
-  }
-  if (hash && *hash != Store::contentHash(exchange.body)) {
-    return exchange.replyRouteError(tag("content_hash_mismatch"));
-  }
+  if (refusedBody(exchange, hash)) return;
   auto contents = std::make_shared<const std::string>(std::move(exchange.body));
   std::lock_guard lock(impl.mutex);
   const WriteOutcome outcome = impl.store.writeFile(writeTarget(impl, commit.path), contents,
@@ -152,12 +161,7 @@ void handleUploadSessionStart(Emulator::Impl& impl, Exchange& exchange, const Js
   const std::optional<std::string> type = args.unionTag("session_type");
   const std::optional<std::string> hash = args.optionalString("content_hash");
   if (!args.ok()) return exchange.replyBadInput(args.problem());
-  if (exchange.body.size() > kMaxRequestBytes) {
-    return exchange.replyRouteError(tag("payload_too_large"));
-  }
-  if (hash && *hash != Store::contentHash(exchange.body)) {
-    return exchange.replyRouteError(tag("content_hash_mismatch"));
-  }
+  if (refusedBody(exchange, hash)) return;
   const bool concurrent = type && *type == "concurrent";
   if (concurrent && !exchange.body.empty()) {
     return exchange.replyRouteError(tag("concurrent_session_data_not_allowed"));
@@ -188,12 +192,7 @@ void handleUploadSessionAppend(Emulator::Impl& impl, Exchange& exchange, const J
   const bool close = args.boolean("close", false);
   const std::optional<std::string> hash = args.optionalString("content_hash");
   if (!args.ok()) return exchange.replyBadInput(args.problem());
-  if (exchange.body.size() > kMaxRequestBytes) {
-    return exchange.replyRouteError(tag("payload_too_large"));
-  }
-  if (hash && *hash != Store::contentHash(exchange.body)) {
-    return exchange.replyRouteError(tag("content_hash_mismatch"));
-  }
+  if (refusedBody(exchange, hash)) return;
   std::lock_guard lock(impl.mutex);
   const auto session = impl.sessions.find(sessionId);
   if (session == impl.sessions.end()) return exchange.replyRouteError(tag("not_found"));

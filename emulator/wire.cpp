@@ -28,28 +28,6 @@ void Exchange::replyAuthError(std::string_view tagName) {
   replyJson(Json{{"error_summary", std::string(tagName) + "/.."}, {"error", tag(tagName)}}, 401);
 }
 
-std::string headerSafeJson(const Json& value) {
-  // ensure_ascii escapes everything above U+007F with UTF-16 surrogates; U+007F itself is
-  // escaped by hand so no control byte reaches a header.
-  std::string text = value.dump(-1, ' ', true, Json::error_handler_t::replace);
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    if (c == '\x7f') {
-      out += "\\u007f";
-    } else {
-      out.push_back(c);
-    }
-  }
-  return out;
-}
-
-std::optional<Json> parseJson(std::string_view text) {
-  Json value = Json::parse(text.begin(), text.end(), nullptr, false);
-  if (value.is_discarded()) return std::nullopt;
-  return value;
-}
-
 std::string errorSummary(const Json& error) {
   std::string summary;
   const Json* current = &error;

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "dbx/json_codec.h"
 #include "emulator/store.h"
 
 namespace wdc::emu {
@@ -41,10 +42,14 @@ struct Exchange {
   void replyAuthError(std::string_view tag);
 };
 
-// Compact JSON with every character from U+007F up written as \uXXXX, so it survives HTTP headers.
-[[nodiscard]] std::string headerSafeJson(const Json& value);
-// Parses a JSON text; nullopt when it is not one (never throws).
-[[nodiscard]] std::optional<Json> parseJson(std::string_view text);
+// The client's codec serves both sides of the wire: compact JSON with every character from U+007F
+// up written as \uXXXX (so it survives HTTP headers), and non-throwing, depth-limited parsing.
+[[nodiscard]] inline std::string headerSafeJson(const Json& value) {
+  return dbx::json::headerSafe(value);
+}
+[[nodiscard]] inline std::optional<Json> parseJson(std::string_view text) {
+  return dbx::json::parse(text);
+}
 // "path/not_found/.." from a Stone union value: the chain of tags, outermost first.
 [[nodiscard]] std::string errorSummary(const Json& error);
 // "%Y-%m-%dT%H:%M:%SZ" in UTC, and back (nullopt when the text is not in that form).

@@ -13,6 +13,7 @@
 
 #include "dbx/user_client.h"
 #include "emulator/emulator.h"
+#include "support/sdk_peer.h"
 #include "platform/env.h"
 #include "platform/logger.h"
 #include "webdavconnect/operation_queue.h"
@@ -149,18 +150,7 @@ double runBareCurl(const std::string& baseUrl, const std::string& caFile, int do
 // ---- the official Python SDK ----
 
 double runPythonSdk(const wdc::emu::Emulator& emulator, const std::string& caFile) {
-  const std::string command = "DROPBOX_API_HOST=" + emulator.hostAndPort() +
-                              " DROPBOX_API_CONTENT_HOST=" + emulator.hostAndPort() +
-                              " REQUESTS_CA_BUNDLE=" + caFile + " /usr/bin/python3 " +
-                              WDC_SOURCE_DIR "/bench/emulator/sdk_peer.py " +
-                              std::to_string(kDownloads) + " " + std::to_string(kInFlight) + " " +
-                              std::to_string(kFiles);
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return -1;
-  char line[64] = {};
-  const bool read = std::fgets(line, sizeof line, pipe) != nullptr;
-  const int status = pclose(pipe);
-  return read && status == 0 ? std::atof(line) : -1;
+  return wdc::bench::runPythonSdkPeer(emulator.hostAndPort(), caFile, kDownloads, kInFlight, kFiles);
 }
 
 void printRow(const char* name, double s, double sdk, double floor) {

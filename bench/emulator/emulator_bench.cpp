@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "emulator/emulator.h"
+#include "support/sdk_peer.h"
 #include "platform/env.h"
 
 namespace {
@@ -81,17 +82,7 @@ double runCurl(const std::string& baseUrl, const std::string& caFile) {
 }
 
 double runPythonSdk(const wdc::emu::Emulator& emulator, const std::string& caFile) {
-  const std::string command =
-      "DROPBOX_API_HOST=" + emulator.hostAndPort() +
-      " DROPBOX_API_CONTENT_HOST=" + emulator.hostAndPort() + " REQUESTS_CA_BUNDLE=" + caFile +
-      " /usr/bin/python3 " + WDC_SOURCE_DIR "/bench/emulator/sdk_peer.py " +
-      std::to_string(kDownloads) + " " + std::to_string(kClients) + " " + std::to_string(kFiles);
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return -1;
-  char line[64] = {};
-  const bool read = std::fgets(line, sizeof line, pipe) != nullptr;
-  const int status = pclose(pipe);
-  return read && status == 0 ? std::atof(line) : -1;
+  return wdc::bench::runPythonSdkPeer(emulator.hostAndPort(), caFile, kDownloads, kClients, kFiles);
 }
 
 void fill(wdc::emu::Emulator& emulator) {
