@@ -29,9 +29,10 @@ struct DBRequestError;
 class DBUserClient;
 }  // namespace dbx
 
-struct RetryMessages;
-bool runSynchronousRetryLoop(class WebDAVConnect& connection, const RetryMessages& messages,
-                             ErrorOut error, const std::function<bool(ErrorOut)>& attempt);
+namespace detail {
+// The library's own access to a connection's private call state (src/core).
+struct ConnectionInternals;
+}  // namespace detail
 
 using FileList = std::vector<std::shared_ptr<WebDAVFileMetaData>>;
 
@@ -75,6 +76,12 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // The linked account's display name.
   std::optional<std::string> getAccountUsername(ErrorOut error = nullptr);
 
+  // -- Sync lock, deletes and folders (src/core/public_lock_delete_operations.cpp)
+
+  // -- Read path: delta listing and downloads (src/core/public_read_operations.cpp)
+
+  // -- Write path: uploads and the retrying batch (src/core/public_write_operations.cpp)
+
   // ---- Rate-limit and retry policy (src/core/rate_limit_policy.cpp) --------------------------
   // Process-wide: shared by every connection, created on first use, thread-safe.
 
@@ -116,6 +123,22 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // True when there were tokens and a migration ran (its outcome is only logged); false at once
   // when there was nothing to migrate.
   bool migrateDropboxV1TokensToV2WithQueue();
+
+  // -- Folders and search (src/dropbox/folders.cpp, src/dropbox/search.cpp)
+
+  // The Dropbox path of a host folder path: "/" joined with it as path components ("a", "/a" and
+  // "a/" all give "/a"; "/" stays "/"); the root, "", for an empty or absent path.
+  static std::string getResolvedDropboxFolderPath(const std::optional<std::string>& folderPath);
+
+  // -- Sync lock (src/dropbox/sync_lock.cpp)
+
+  // -- Deletes (src/dropbox/delete*.cpp)
+
+  // -- Delta listing (src/dropbox/delta_listing*.cpp)
+
+  // -- Downloads and decoding (src/dropbox/download*.cpp)
+
+  // -- Uploads (src/dropbox/upload*.cpp)
 
   // Records the outcome of one answer: success without a request error, otherwise the mapped
   // error (a 429 also opens the shared cooldown, at least 2 s).
@@ -211,8 +234,7 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   bool deleteFileAtPathFromWebDAV(const std::optional<std::string>& inFolder, ErrorOut error);
 
  private:
-  friend bool runSynchronousRetryLoop(WebDAVConnect&, const struct RetryMessages&, ErrorOut,
-                                      const std::function<bool(ErrorOut)>&);
+  friend struct detail::ConnectionInternals;
   // Forgets the outcome of the last asynchronous call before a new attempt.
   void clearAsyncCallState();
   // Waits out the shared cooldown, then keeps waiting while the connection type is not Dropbox.
@@ -221,6 +243,12 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // Outcome of the last asynchronous Dropbox call a blocking operation waited for.
   std::optional<Error> lastAsyncError_;
   bool asyncCallWasSuccessful_ = false;
+
+  // -- Fields of the sync lock, deletes, folders and search
+
+  // -- Fields of the read path (delta listing, downloads)
+
+  // -- Fields of the write path (uploads)
 };
 
 }  // namespace wdc

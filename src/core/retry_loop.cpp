@@ -38,9 +38,9 @@ bool runSynchronousRetryLoop(WebDAVConnect& connection, const RetryMessages& mes
                              ErrorOut error, const std::function<bool(ErrorOut)>& attempt) {
   int64_t retries = 0;
   int64_t rateLimitAttempts = 0;
-  connection.clearAsyncCallState();
+  detail::ConnectionInternals::clearAsyncCallState(connection);
   for (;;) {
-    connection.waitUntilDropboxIsSelected();
+    detail::ConnectionInternals::waitUntilDropboxIsSelected(connection);
     if (attempt(error)) return true;
     if (error == nullptr || !error->has_value()) return false;
     const Error& failed = **error;
@@ -65,7 +65,7 @@ bool runSynchronousRetryLoop(WebDAVConnect& connection, const RetryMessages& mes
       log::debug(messages.retry(failed, retries + 1), log::Delivery::kAsync);
     }
     ++retries;
-    connection.clearAsyncCallState();
+    detail::ConnectionInternals::clearAsyncCallState(connection);
     error->reset();
     Env::current().sleepFor(fromSeconds(delay));
   }

@@ -12,6 +12,16 @@
 
 namespace wdc {
 
+namespace detail {
+// The call-state steps of a public operation, kept out of the public header.
+struct ConnectionInternals {
+  static void clearAsyncCallState(WebDAVConnect& connection) { connection.clearAsyncCallState(); }
+  static void waitUntilDropboxIsSelected(WebDAVConnect& connection) {
+    connection.waitUntilDropboxIsSelected();
+  }
+};
+}  // namespace detail
+
 // What one public operation logs while it retries.
 struct RetryMessages {
   // Error level, synchronously, after every failed attempt that stored an error.
