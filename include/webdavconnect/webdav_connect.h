@@ -78,7 +78,9 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
 
   // -- Sync lock, deletes and folders (src/core/public_lock_delete_operations.cpp)
 
-  // -- Read path: delta listing and downloads (src/core/public_read_operations.cpp)
+  // -- Read path: delta listing (src/core/public_delta_operations.cpp)
+
+  // -- Read path: downloads (src/core/public_download_operations.cpp)
 
   // -- Write path: uploads and the retrying batch (src/core/public_write_operations.cpp)
 
@@ -135,6 +137,10 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // -- Deletes (src/dropbox/delete*.cpp)
 
   // -- Delta listing (src/dropbox/delta_listing*.cpp)
+
+  // -- Folder snapshot marking (src/dropbox/snapshot_marking.cpp)
+
+  // -- Folder snapshot download (src/dropbox/snapshot_download.cpp)
 
   // -- Downloads and decoding (src/dropbox/download*.cpp)
 
@@ -246,7 +252,9 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
 
   // -- Fields of the sync lock, deletes, folders and search
 
-  // -- Fields of the read path (delta listing, downloads)
+  // -- Fields of the delta listing
+
+  // -- Fields of the downloads
 
   // -- Fields of the write path (uploads)
 };
