@@ -16,6 +16,7 @@ constexpr RouteEntry kRoutes[] = {
     {"users/get_current_account", RouteStyle::kRpc, RouteAuth::kUser, true,
      handleGetCurrentAccount},
     {"oauth2/token", RouteStyle::kForm, RouteAuth::kNone, true, handleOAuth2Token},
+    {"oauth2/authorize", RouteStyle::kPage, RouteAuth::kNone, true, handleOAuth2Authorize},
     {"auth/token/from_oauth1", RouteStyle::kRpc, RouteAuth::kApp, false, handleTokenFromOAuth1},
     {"files/list_folder", RouteStyle::kRpc, RouteAuth::kUser, false, handleListFolder},
     {"files/list_folder/continue", RouteStyle::kRpc, RouteAuth::kUser, false,
@@ -209,7 +210,8 @@ std::optional<FaultKind> Emulator::Impl::serve(Exchange& exchange) {
     return transportFault;
   }
   if (exchange.method != "POST" &&
-      !(exchange.method == "GET" && route->style == RouteStyle::kDownload)) {
+      !(exchange.method == "GET" &&
+        (route->style == RouteStyle::kDownload || route->style == RouteStyle::kPage))) {
     exchange.replyText(405, "Method not allowed");
     return transportFault;
   }
@@ -219,6 +221,7 @@ std::optional<FaultKind> Emulator::Impl::serve(Exchange& exchange) {
   Json arg;
   switch (route->style) {
     case RouteStyle::kForm:
+    case RouteStyle::kPage:
       break;
     case RouteStyle::kRpc: {
       const bool empty = exchange.body.empty();

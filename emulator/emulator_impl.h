@@ -88,6 +88,8 @@ struct Emulator::Impl {
   // Issued access tokens and when they expire (Env uptime).
   std::map<std::string, std::chrono::nanoseconds, std::less<>> issuedTokens;
   std::set<std::string, std::less<>> refreshTokens;
+  // Codes the authorize page handed out and not yet exchanged: code -> {client id, challenge}.
+  std::map<std::string, std::pair<std::string, std::string>, std::less<>> authorizationCodes;
   std::map<std::string, std::string, std::less<>> oauth1Tokens;  // token -> secret
   std::set<std::string, std::less<>> migratedTokens;
   bool configuredTokenExpired = false;
@@ -110,7 +112,8 @@ struct Emulator::Impl {
 // `arg` is the parsed argument (null for Void).
 using RouteHandler = void (*)(Emulator::Impl& impl, Exchange& exchange, const Json& arg);
 
-enum class RouteStyle { kRpc, kUpload, kDownload, kForm };
+// kPage: a GET with query parameters (the authorize page), answered as text.
+enum class RouteStyle { kRpc, kUpload, kDownload, kForm, kPage };
 enum class RouteAuth { kUser, kApp, kNone };
 
 struct RouteEntry {
@@ -127,6 +130,7 @@ const RouteEntry* findRoute(std::string_view name);
 // Route handlers, one family per file.
 void handleGetCurrentAccount(Emulator::Impl&, Exchange&, const Json&);
 void handleOAuth2Token(Emulator::Impl&, Exchange&, const Json&);
+void handleOAuth2Authorize(Emulator::Impl&, Exchange&, const Json&);
 void handleTokenFromOAuth1(Emulator::Impl&, Exchange&, const Json&);
 void handleListFolder(Emulator::Impl&, Exchange&, const Json&);
 void handleListFolderContinue(Emulator::Impl&, Exchange&, const Json&);

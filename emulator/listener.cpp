@@ -128,6 +128,7 @@ bool Listener::start(bool tls, uint16_t port, std::string* error) {
       exchange.contentType = request.get_header_value("Content-Type");
     }
     exchange.authorization = request.get_header_value("Authorization");
+    for (const auto& [name, value] : request.params) exchange.query[name] = value;
     if (exchange.authorization.empty() && request.has_param("authorization")) {
       exchange.authorization = "Bearer " + request.get_param_value("authorization");
     }

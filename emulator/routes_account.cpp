@@ -1,9 +1,11 @@
-// users/get_current_account, and the token routes: oauth2/token (refresh) and
+// users/get_current_account, and the token routes: oauth2/authorize (the code flow's page, which
+// approves at once), oauth2/token (code exchange with PKCE, and refresh) and
 // auth/token/from_oauth1 (legacy migration).
 #include <httplib.h>
 
 #include <cstdio>
 
+#include "dbx/oauth_code_flow.h"
 #include "emulator/emulator_impl.h"
 #include "platform/env.h"
 
@@ -41,13 +43,74 @@ void handleGetCurrentAccount(Emulator::Impl&, Exchange& exchange, const Json&) {
        {{".tag", "user"}, {"root_namespace_id", "1234567"}, {"home_namespace_id", "1234567"}}}});
 }
 
+void handleOAuth2Authorize(Emulator::Impl& impl, Exchange& exchange, const Json&) {
+  auto param = [&](const char* name) {
+    auto it = exchange.query.find(name);
+    return it == exchange.query.end() ? std::string() : it->second;
+  };
+  const std::string clientId = param("client_id");
+  if (param("response_type") != "code") {
+    return exchange.replyText(400, "response_type must be code");
+  }
+  if (clientId.empty() || (!impl.options.appKey.empty() && clientId != impl.options.appKey)) {
+    return exchange.replyText(400, "Invalid client_id: \"" + clientId + "\"");
+  }
+  if (param("code_challenge_method") != "S256" || param("code_challenge").size() != 43) {
+    return exchange.replyText(400, "code_challenge must be a S256 challenge (43 characters)");
+  }
+  std::lock_guard lock(impl.mutex);
+  // The user approves at once; the code is the whole page, where Dropbox shows it to copy.
+  const std::string code = "emu-code-" + std::to_string(++impl.tokenCounter);
+  impl.authorizationCodes[code] = {clientId, param("code_challenge")};
+  exchange.replyText(200, code);
+}
+
+namespace {
+
+// The authorization-code grant: one use per code, bound to its client and PKCE challenge.
+void exchangeAuthorizationCode(Emulator::Impl& impl, Exchange& exchange,
+                               std::map<std::string, std::string>& form) {
+  auto invalid = [&](std::string_view error, std::string_view description) {
+    exchange.replyJson(Json{{"error", error}, {"error_description", description}}, 400);
+  };
+  std::lock_guard lock(impl.mutex);
+  const auto it = impl.authorizationCodes.find(form["code"]);
+  if (it == impl.authorizationCodes.end()) {
+    return invalid("invalid_grant", "code doesn't exist or has expired");
+  }
+  const auto [clientId, challenge] = it->second;
+  impl.authorizationCodes.erase(it);
+  if (form["client_id"] != clientId) return invalid("invalid_grant", "client_id mismatch");
+  if (dbx::pkceChallengeFor(form["code_verifier"]) != challenge) {
+    return invalid("invalid_grant", "invalid code verifier");
+  }
+  const uint64_t serial = ++impl.tokenCounter;
+  char token[64];
+  std::snprintf(token, sizeof token, "sl.emulator-%08llu", static_cast<unsigned long long>(serial));
+  impl.issuedTokens[token] = impl.env().uptime() + impl.accessTokenLifetime;
+  const std::string refresh = "emu-refresh-" + std::to_string(serial);
+  // With a fixed list of refresh tokens the new one must join it to be usable.
+  if (!impl.refreshTokens.empty()) impl.refreshTokens.insert(refresh);
+  exchange.replyJson(Json{{"access_token", token},
+                          {"token_type", "bearer"},
+                          {"expires_in", impl.accessTokenLifetime.count()},
+                          {"refresh_token", refresh},
+                          {"scope", ""},
+                          {"uid", "1234567"},
+                          {"account_id", "dbid:AAEmulatorAccount000000000000000001"}});
+}
+
+}  // namespace
+
 void handleOAuth2Token(Emulator::Impl& impl, Exchange& exchange, const Json&) {
   std::map<std::string, std::string> form = parseForm(exchange.body);
   auto invalid = [&](std::string_view error, std::string_view description) {
     exchange.replyJson(Json{{"error", error}, {"error_description", description}}, 400);
   };
+  if (form["grant_type"] == "authorization_code") return exchangeAuthorizationCode(impl, exchange, form);
   if (form["grant_type"] != "refresh_token") {
-    return invalid("unsupported_grant_type", "grant_type must be refresh_token");
+    return invalid("unsupported_grant_type",
+                   "grant_type must be refresh_token or authorization_code");
   }
   const std::string& refreshToken = form["refresh_token"];
   std::lock_guard lock(impl.mutex);

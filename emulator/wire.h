@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,6 +27,8 @@ struct Exchange {
   std::string authorization;          // the Authorization header, or "Bearer " + ?authorization=
   std::optional<std::string> apiArg;  // Dropbox-API-Arg header, or the ?arg= parameter
   std::string body;
+  // Query parameters (the authorize page reads them).
+  std::map<std::string, std::string> query;
 
   int status = 200;
   std::string replyType;

@@ -240,20 +240,24 @@ void ClientCore::cancel(const std::shared_ptr<CallHandle>& handle) {
 
 void ClientCore::refreshToken(std::function<void(std::optional<DBRequestError>)> then) {
   std::string refresh;
+  std::string appKey = config_.appKey;
   {
     std::lock_guard lock(mutex_);
     refreshWaiters_.push_back(std::move(then));
     if (refreshing_) return;
     refreshing_ = true;
     refresh = token_.refreshToken.value_or("");
+    if (token_.appKey) appKey = *token_.appKey;
   }
+  // A token linked with PKCE belongs to a public client: it refreshes without the secret.
+  const bool sendSecret = appKey == config_.appKey && !config_.appSecret.empty();
   HttpRequest request;
   request.url = config_.apiBaseUrl + "/oauth2/token";
   request.label = "oauth2/token";
   request.headers.emplace_back("Content-Type: application/x-www-form-urlencoded");
   request.body = "grant_type=refresh_token&refresh_token=" + formEscape(refresh) +
-                 "&client_id=" + formEscape(config_.appKey);
-  if (!config_.appSecret.empty()) request.body += "&client_secret=" + formEscape(config_.appSecret);
+                 "&client_id=" + formEscape(appKey);
+  if (sendSecret) request.body += "&client_secret=" + formEscape(config_.appSecret);
   request.maxResponseBytes = config_.maxResponseBytes;
   auto self = shared_from_this();
   transport_.submit(std::move(request), [self](HttpResponse response) {

@@ -126,7 +126,7 @@ void migrateNext(const std::shared_ptr<Migration>& m) {
                   }
                   if (oauth2) {
                     m->migrated.push_back(current);
-                    if (!m->obtained) m->obtained = DBOAuth2Token{current.uid, *oauth2, {}, {}};
+                    if (!m->obtained) m->obtained = DBOAuth2Token{current.uid, *oauth2, {}, {}, {}};
                   } else {
                     m->unmigrated.push_back({current.uid, current.accessToken,
                                              current.accessTokenSecret, current.appKey});
@@ -179,6 +179,18 @@ bool DBClientsManager::authorizeWithToken(DBOAuth2Token token, ErrorOut error) {
   }
   closeClient(std::move(previous));
   return true;
+}
+
+void DBClientsManager::useTokenForProcess(DBOAuth2Token token) {
+  auto& s = state();
+  std::shared_ptr<DBUserClient> previous;
+  {
+    std::lock_guard lock(s.mutex);
+    previous = std::move(s.client);
+    // No store path: a refresh (only possible with a refresh token) is kept in memory only.
+    s.client = DBUserClient::create(s.config, std::move(token), std::nullopt);
+  }
+  closeClient(std::move(previous));
 }
 
 void DBClientsManager::unlinkAndResetClients() {

@@ -41,6 +41,9 @@ class DBClientsManager {
   // earlier one. The host performs the OAuth flow; this is where its outcome lands.
   static bool authorizeWithToken(DBOAuth2Token token, ErrorOut error = nullptr);
 
+  // Makes `token` the authorized client for this process only: the token store is not touched.
+  static void useTokenForProcess(DBOAuth2Token token);
+
   // Forgets the linked account: closes the client (its connections are gone when this returns)
   // and removes the OAuth 2 token from the store. OAuth 1 tokens stay.
   static void unlinkAndResetClients();

@@ -21,6 +21,9 @@ struct DBOAuth2Token {
   std::optional<std::string> refreshToken;
   // When the access token stops working; absent when unknown.
   std::optional<DBTimestamp> expiresAt;
+  // The app the token was issued to, when it differs from the configured one (a PKCE link
+  // refreshes with this key and no secret).
+  std::optional<std::string> appKey;
 };
 
 struct DBOAuth1Token {

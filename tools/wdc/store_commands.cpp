@@ -1,0 +1,12 @@
+#include "tools/wdc/store_commands.h"
+
+#include "tools/wdc/commands.h"
+
+namespace wdc::cli {
+
+void registerStoreCommands(CLI::App& app, GlobalOptions& options) {
+  registerLinkCommands(app, options);
+  registerAccountCommand(app, options);
+}
+
+}  // namespace wdc::cli
