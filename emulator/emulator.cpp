@@ -17,6 +17,8 @@ constexpr RouteEntry kRoutes[] = {
      handleGetCurrentAccount},
     {"oauth2/token", RouteStyle::kForm, RouteAuth::kNone, true, handleOAuth2Token},
     {"oauth2/authorize", RouteStyle::kPage, RouteAuth::kNone, true, handleOAuth2Authorize},
+    {"files/list_folder/longpoll", RouteStyle::kRpc, RouteAuth::kNone, false,
+     handleListFolderLongpoll},
     {"auth/token/from_oauth1", RouteStyle::kRpc, RouteAuth::kApp, false, handleTokenFromOAuth1},
     {"files/list_folder", RouteStyle::kRpc, RouteAuth::kUser, false, handleListFolder},
     {"files/list_folder/continue", RouteStyle::kRpc, RouteAuth::kUser, false,

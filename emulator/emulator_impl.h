@@ -131,6 +131,7 @@ const RouteEntry* findRoute(std::string_view name);
 void handleGetCurrentAccount(Emulator::Impl&, Exchange&, const Json&);
 void handleOAuth2Token(Emulator::Impl&, Exchange&, const Json&);
 void handleOAuth2Authorize(Emulator::Impl&, Exchange&, const Json&);
+void handleListFolderLongpoll(Emulator::Impl&, Exchange&, const Json&);
 void handleTokenFromOAuth1(Emulator::Impl&, Exchange&, const Json&);
 void handleListFolder(Emulator::Impl&, Exchange&, const Json&);
 void handleListFolderContinue(Emulator::Impl&, Exchange&, const Json&);

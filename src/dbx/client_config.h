@@ -15,6 +15,8 @@ struct DBClientConfig {
   // the token refresh to <apiBaseUrl>/oauth2/token.
   std::string apiBaseUrl = "https://api.dropboxapi.com";
   std::string contentBaseUrl = "https://content.dropboxapi.com";
+  // files/list_folder/longpoll only.
+  std::string notifyBaseUrl = "https://notify.dropboxapi.com";
   // Extra certificate authorities (PEM). TLS peer and host verification are always on; this is
   // the only way to trust a server whose certificate the system store does not know (the
   // emulator's self-signed one).

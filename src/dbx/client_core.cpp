@@ -104,13 +104,14 @@ DBOAuth2Token ClientCore::token() const {
 
 HttpRequest ClientCore::buildRequest(const RouteCall& call, const std::string& accessToken) const {
   HttpRequest request;
-  const std::string& base = call.host == RouteHost::kApi ? config_.apiBaseUrl
-                                                         : config_.contentBaseUrl;
+  const std::string& base = call.host == RouteHost::kApi       ? config_.apiBaseUrl
+                            : call.host == RouteHost::kContent ? config_.contentBaseUrl
+                                                               : config_.notifyBaseUrl;
   request.url = base + "/2/" + call.route;
   request.label = call.route;
   if (call.auth == RouteAuth::kUser) {
     request.headers.push_back("Authorization: Bearer " + accessToken);
-  } else {
+  } else if (call.auth == RouteAuth::kApp) {
     request.headers.push_back("Authorization: Basic " + base64(call.appCredentials));
   }
   switch (call.style) {
@@ -240,24 +241,20 @@ void ClientCore::cancel(const std::shared_ptr<CallHandle>& handle) {
 
 void ClientCore::refreshToken(std::function<void(std::optional<DBRequestError>)> then) {
   std::string refresh;
-  std::string appKey = config_.appKey;
   {
     std::lock_guard lock(mutex_);
     refreshWaiters_.push_back(std::move(then));
     if (refreshing_) return;
     refreshing_ = true;
     refresh = token_.refreshToken.value_or("");
-    if (token_.appKey) appKey = *token_.appKey;
   }
-  // A token linked with PKCE belongs to a public client: it refreshes without the secret.
-  const bool sendSecret = appKey == config_.appKey && !config_.appSecret.empty();
   HttpRequest request;
   request.url = config_.apiBaseUrl + "/oauth2/token";
   request.label = "oauth2/token";
   request.headers.emplace_back("Content-Type: application/x-www-form-urlencoded");
   request.body = "grant_type=refresh_token&refresh_token=" + formEscape(refresh) +
-                 "&client_id=" + formEscape(appKey);
-  if (sendSecret) request.body += "&client_secret=" + formEscape(config_.appSecret);
+                 "&client_id=" + formEscape(config_.appKey);
+  if (!config_.appSecret.empty()) request.body += "&client_secret=" + formEscape(config_.appSecret);
   request.maxResponseBytes = config_.maxResponseBytes;
   auto self = shared_from_this();
   transport_.submit(std::move(request), [self](HttpResponse response) {

@@ -23,8 +23,9 @@
 
 namespace wdc::dbx::detail {
 
-enum class RouteHost { kApi, kContent };
-enum class RouteAuth { kUser, kApp };
+// kNotify serves only files/list_folder/longpoll, which carries no authorization.
+enum class RouteHost { kApi, kContent, kNotify };
+enum class RouteAuth { kUser, kApp, kNone };
 
 struct RouteCall {
   std::string route;  // "files/list_folder"

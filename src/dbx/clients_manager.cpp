@@ -126,7 +126,7 @@ void migrateNext(const std::shared_ptr<Migration>& m) {
                   }
                   if (oauth2) {
                     m->migrated.push_back(current);
-                    if (!m->obtained) m->obtained = DBOAuth2Token{current.uid, *oauth2, {}, {}, {}};
+                    if (!m->obtained) m->obtained = DBOAuth2Token{current.uid, *oauth2, {}, {}};
                   } else {
                     m->unmigrated.push_back({current.uid, current.accessToken,
                                              current.accessTokenSecret, current.appKey});

@@ -302,6 +302,17 @@ bool decode(const Json& value, DBFILESListFolderResult& out) {
          getBool(value, "has_more", out.hasMore, std::nullopt);
 }
 
+bool decode(const Json& value, DBFILESListFolderLongpollResult& out) {
+  if (!getBool(value, "changes", out.changes, std::nullopt)) return false;
+  out.backoff.reset();
+  if (field(value, "backoff") != nullptr) {
+    uint64_t seconds = 0;
+    if (!getUInt(value, "backoff", seconds, std::nullopt)) return false;
+    out.backoff = seconds;
+  }
+  return true;
+}
+
 bool decode(const Json& value, DBFILESSearchResult& out) {
   const Json* matches = field(value, "matches");
   if (matches == nullptr || !matches->is_array()) return false;

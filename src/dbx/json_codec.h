@@ -36,6 +36,7 @@ bool decode(const Json& value, DBFILESMetadataRef& out);  // with ".tag" file/fo
 bool decode(const Json& value, DBFILESFileMetadata& out);  // without ".tag"
 bool decode(const Json& value, DBFILESFolderMetadata& out);
 bool decode(const Json& value, DBFILESListFolderResult& out);
+bool decode(const Json& value, DBFILESListFolderLongpollResult& out);
 bool decode(const Json& value, DBFILESSearchResult& out);  // search_v2 or classic search shape
 bool decode(const Json& value, DBFILESCreateFolderResult& out);
 bool decode(const Json& value, DBFILESUploadSessionStartResult& out);

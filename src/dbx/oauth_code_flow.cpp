@@ -148,7 +148,6 @@ std::optional<DBOAuth2Token> exchangeAuthorizationCode(const DBClientConfig& con
   token.accessToken = *access;
   token.refreshToken = *refresh;
   token.uid = text("account_id").value_or(text("uid").value_or(""));
-  token.appKey = appKey;
   if (auto expires = body->find("expires_in");
       expires != body->end() && expires->is_number_integer() && expires->get<int64_t>() >= 0) {
     token.expiresAt = Env::current().now() + std::chrono::seconds(expires->get<int64_t>());

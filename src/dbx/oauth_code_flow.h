@@ -27,8 +27,8 @@ struct DBPkcePair {
 [[nodiscard]] std::string authorizeUrl(const std::string& authorizeBaseUrl,
                                        const std::string& appKey, const std::string& challenge);
 
-// POSTs the code to <config.apiBaseUrl>/oauth2/token and waits for the answer. The token carries
-// `appKey`, so later refreshes use it. Absent with `error` set (the server's error description,
+// POSTs the code to <config.apiBaseUrl>/oauth2/token and waits for the answer. Its refreshes
+// must use `appKey` without a secret (keep it as DBTokenStoreContents::oauth2AppKey). Absent with `error` set (the server's error description,
 // or the transport failure) when the exchange fails.
 [[nodiscard]] std::optional<DBOAuth2Token> exchangeAuthorizationCode(
     const DBClientConfig& config, const std::string& appKey, const std::string& code,

@@ -32,6 +32,13 @@ struct DBFILESListFolderResult {
   bool hasMore = false;
 };
 
+// files/list_folder/longpoll: whether the folder changed since the cursor, and how many seconds
+// the server asks the client to wait before the next longpoll.
+struct DBFILESListFolderLongpollResult {
+  bool changes = false;
+  std::optional<uint64_t> backoff;
+};
+
 // ---- search ----
 
 // The classic search arguments. The client sends them as search_v2: options.path (left out for

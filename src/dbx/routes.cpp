@@ -77,6 +77,15 @@ DBFILESUserAuthRoutes::listFolderContinue(const std::string& cursor) {
       core_, rpc("files/list_folder/continue", {{"cursor", cursor}}));
 }
 
+DBRpcTask<DBFILESListFolderLongpollResult, DBFILESListFolderContinueError>
+DBFILESUserAuthRoutes::listFolderLongpoll(const std::string& cursor, uint64_t timeoutSeconds) {
+  RouteCall call = rpc("files/list_folder/longpoll", {{"cursor", cursor}, {"timeout", timeoutSeconds}});
+  call.host = RouteHost::kNotify;
+  call.auth = detail::RouteAuth::kNone;
+  return invoke<DBFILESListFolderLongpollResult, DBFILESListFolderContinueError>(core_,
+                                                                                 std::move(call));
+}
+
 DBRpcTask<DBFILESSearchResult, DBFILESSearchError> DBFILESUserAuthRoutes::search(
     const DBFILESSearchArg& arg) {
   // files/search was retired; search_v2 answers the same question.

@@ -43,6 +43,10 @@ class DBFILESUserAuthRoutes {
       const DBFILESListFolderArg& arg);
   DBRpcTask<DBFILESListFolderResult, DBFILESListFolderContinueError> listFolderContinue(
       const std::string& cursor);
+  // Waits up to `timeoutSeconds` (30-480; the server adds up to 90 s of jitter) for a change
+  // after `cursor`. Unauthenticated, on the notify host. Its route error is reset or other.
+  DBRpcTask<DBFILESListFolderLongpollResult, DBFILESListFolderContinueError> listFolderLongpoll(
+      const std::string& cursor, uint64_t timeoutSeconds);
 
   // Name search under `path` ("" = root). Sent as files/search_v2 with options.path; the answer
   // comes back in the classic shape.

@@ -1,7 +1,7 @@
 // Store layout:
 //   {"version": 1,
 //    "oauth2": {"uid": "...", "access_token": "...", "refresh_token": "...", "expires_at": <unix s>,
-//               "app_key": "..."},
+//               "app_key": "..." (only for a token linked with an app key of its own)},
 //    "oauth1": [{"uid": "...", "token": "...", "secret": "...", "app_key": "..."}, ...]}
 // Written to a sibling temporary file created with mode 0600, then renamed over the store.
 #include "dbx/token_store.h"
@@ -74,7 +74,7 @@ std::optional<DBTokenStoreContents> loadTokenStore(const std::filesystem::path& 
     std::string refresh;
     if (readString(*it, "refresh_token", refresh)) token.refreshToken = refresh;
     std::string appKey;
-    if (readString(*it, "app_key", appKey)) token.appKey = appKey;
+    if (readString(*it, "app_key", appKey)) contents.oauth2AppKey = appKey;
     if (auto expires = it->find("expires_at");
         expires != it->end() && expires->is_number_integer()) {
       token.expiresAt = DBTimestamp(std::chrono::seconds(expires->get<int64_t>()));
@@ -104,7 +104,7 @@ bool saveTokenStore(const std::filesystem::path& path, const DBTokenStoreContent
     json::Json token = {{"uid", contents.oauth2->uid},
                         {"access_token", contents.oauth2->accessToken}};
     if (contents.oauth2->refreshToken) token["refresh_token"] = *contents.oauth2->refreshToken;
-    if (contents.oauth2->appKey) token["app_key"] = *contents.oauth2->appKey;
+    if (contents.oauth2AppKey) token["app_key"] = *contents.oauth2AppKey;
     if (contents.oauth2->expiresAt) {
       token["expires_at"] = std::chrono::duration_cast<std::chrono::seconds>(
                                 contents.oauth2->expiresAt->time_since_epoch())

@@ -21,9 +21,6 @@ struct DBOAuth2Token {
   std::optional<std::string> refreshToken;
   // When the access token stops working; absent when unknown.
   std::optional<DBTimestamp> expiresAt;
-  // The app the token was issued to, when it differs from the configured one (a PKCE link
-  // refreshes with this key and no secret).
-  std::optional<std::string> appKey;
 };
 
 struct DBOAuth1Token {
@@ -35,6 +32,9 @@ struct DBOAuth1Token {
 
 struct DBTokenStoreContents {
   std::optional<DBOAuth2Token> oauth2;
+  // The app `oauth2` was issued to, when a tool linked it with an app key of its own (the code
+  // flow with PKCE); its refreshes must use that key and no secret.
+  std::optional<std::string> oauth2AppKey;
   std::vector<DBOAuth1Token> oauth1;
 };
 

@@ -99,7 +99,7 @@ TEST_F(DbxClientTest, ServerErrorsAndBrokenConnectionsBecomeRequestErrors) {
 
 TEST_F(DbxClientTest, ExpiredTokenIsRefreshedOnceAndTheRequestResent) {
   log::CaptureLog capture;
-  auto client = makeClient(DBOAuth2Token{"dbid:test", "T", "refresh-1", std::nullopt, std::nullopt});
+  auto client = makeClient(DBOAuth2Token{"dbid:test", "T", "refresh-1", std::nullopt});
   emulator_.expireAccessTokens(/*includeConfigured=*/true);
   auto answer = await(client->usersRoutes().getCurrentAccount());
   ASSERT_TRUE(answer.result) << answer.error->description();
@@ -115,7 +115,7 @@ TEST_F(DbxClientTest, ExpiredTokenIsRefreshedOnceAndTheRequestResent) {
   }
 
   // Without a refresh token the 401 reaches the handler as it is.
-  auto plain = makeClient(DBOAuth2Token{"dbid:test", "T", std::nullopt, std::nullopt, std::nullopt});
+  auto plain = makeClient(DBOAuth2Token{"dbid:test", "T", std::nullopt, std::nullopt});
   auto refused = await(plain->usersRoutes().getCurrentAccount());
   ASSERT_TRUE(refused.error);
   EXPECT_EQ(refused.error->authErrorTag, "expired_access_token");
@@ -124,7 +124,7 @@ TEST_F(DbxClientTest, ExpiredTokenIsRefreshedOnceAndTheRequestResent) {
 
 TEST_F(DbxClientTest, TokenNearItsExpiryIsRefreshedBeforeTheRequest) {
   const auto soon = Env::current().now() + std::chrono::seconds(30);
-  auto client = makeClient(DBOAuth2Token{"dbid:test", "T", "refresh-1", soon, std::nullopt});
+  auto client = makeClient(DBOAuth2Token{"dbid:test", "T", "refresh-1", soon});
   auto first = await(client->usersRoutes().getCurrentAccount());
   ASSERT_TRUE(first.result);
   auto second = await(client->usersRoutes().getCurrentAccount());
@@ -135,7 +135,7 @@ TEST_F(DbxClientTest, TokenNearItsExpiryIsRefreshedBeforeTheRequest) {
 
 TEST_F(DbxClientTest, ARefusedRefreshLeavesTheOriginal401) {
   emulator_.addRefreshToken("the-only-good-one");
-  auto client = makeClient(DBOAuth2Token{"dbid:test", "T", "revoked", std::nullopt, std::nullopt});
+  auto client = makeClient(DBOAuth2Token{"dbid:test", "T", "revoked", std::nullopt});
   emulator_.expireAccessTokens(true);
   auto answer = await(client->usersRoutes().getCurrentAccount());
   ASSERT_TRUE(answer.error);
@@ -148,7 +148,7 @@ TEST_F(DbxClientTest, AnswersPastTheSizeCapAreRefused) {
   auto custom = config();
   custom.maxResponseBytes = 16 * 1024;
   custom.maxDownloadBytes = 32 * 1024;
-  auto client = makeClient(DBOAuth2Token{"", "T", std::nullopt, std::nullopt, std::nullopt}, custom);
+  auto client = makeClient(DBOAuth2Token{"", "T", std::nullopt, std::nullopt}, custom);
   auto inMemory = await(client->filesRoutes().downloadData("/big.bin"));
   EXPECT_EQ(inMemory.nsCode(), kURLErrorDataLengthExceedsMaximum);
   const auto destination = dir_.path() / "big.bin";
@@ -163,7 +163,7 @@ TEST_F(DbxClientTest, AnswersPastTheSizeCapAreRefused) {
 TEST_F(DbxClientTest, UntrustedCertificateIsRefused) {
   auto custom = config();
   custom.caFile.reset();
-  auto client = makeClient(DBOAuth2Token{"", "T", std::nullopt, std::nullopt, std::nullopt}, custom);
+  auto client = makeClient(DBOAuth2Token{"", "T", std::nullopt, std::nullopt}, custom);
   auto answer = await(client->usersRoutes().getCurrentAccount());
   ASSERT_TRUE(answer.error);
   EXPECT_EQ(answer.nsCode(), kURLErrorServerCertificateUntrusted) << answer.error->description();

@@ -51,6 +51,7 @@ class DbxClientTest : public ::testing::Test {
     DBClientConfig config;
     config.apiBaseUrl = emulator_.baseUrl();
     config.contentBaseUrl = emulator_.baseUrl();
+    config.notifyBaseUrl = emulator_.baseUrl();
     config.caFile = caFile();
     config.connectTimeout = std::chrono::milliseconds(5000);
     config.idleTimeout = std::chrono::milliseconds(10000);

@@ -28,7 +28,7 @@ TEST_F(DbxClientTest, CurrentAccountAndABadToken) {
   EXPECT_EQ(answer.result->name.displayName, "Emu Lator");
   EXPECT_EQ(answer.result->accountId.size(), 40u);
 
-  auto other = makeClient(DBOAuth2Token{"", "wrong", std::nullopt, std::nullopt, std::nullopt});
+  auto other = makeClient(DBOAuth2Token{"", "wrong", std::nullopt, std::nullopt});
   auto refused = await(other->usersRoutes().getCurrentAccount());
   ASSERT_TRUE(refused.error);
   EXPECT_TRUE(refused.error->isAuthError());

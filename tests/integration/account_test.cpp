@@ -117,7 +117,7 @@ TEST_F(Account, ARateLimitWithoutRetryAfterStillPausesOtherConnections) {
 
 TEST_F(Account, AuthenticationFailuresAreNotRetried) {
   dbx::DBClientsManager::authorizeWithToken(
-      dbx::DBOAuth2Token{.uid = "dbid:test", .accessToken = "not-the-token", .refreshToken = {}, .expiresAt = {}, .appKey = {}});
+      dbx::DBOAuth2Token{.uid = "dbid:test", .accessToken = "not-the-token", .refreshToken = {}, .expiresAt = {}});
   auto connection = newConnection();
   std::optional<Error> error;
   EXPECT_FALSE(connection->getAccountUsername(&error));

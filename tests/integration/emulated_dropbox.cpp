@@ -38,7 +38,7 @@ void EmulatedDropbox::setUpClients(const dbx::DBTokenStoreContents& store) {
 
 dbx::DBTokenStoreContents EmulatedDropbox::accessTokenOnly() {
   dbx::DBTokenStoreContents store;
-  store.oauth2 = dbx::DBOAuth2Token{.uid = "dbid:test", .accessToken = kAccessToken, .refreshToken = {}, .expiresAt = {}, .appKey = {}};
+  store.oauth2 = dbx::DBOAuth2Token{.uid = "dbid:test", .accessToken = kAccessToken, .refreshToken = {}, .expiresAt = {}};
   return store;
 }
 

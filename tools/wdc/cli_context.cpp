@@ -36,6 +36,11 @@ dbx::DBClientConfig clientConfig(const GlobalOptions& options) {
   dbx::DBClientConfig config;
   config.apiBaseUrl = options.apiUrl;
   config.contentBaseUrl = options.contentUrl;
+  if (!options.notifyUrl.empty()) {
+    config.notifyBaseUrl = options.notifyUrl;
+  } else if (options.apiUrl != GlobalOptions{}.apiUrl) {
+    config.notifyBaseUrl = options.apiUrl;
+  }
   if (!options.caFile.empty()) config.caFile = options.caFile;
   if (!options.tokenStore.empty()) config.tokenStorePath = options.tokenStore;
   // A failing server should end a command within seconds, not minutes.
@@ -46,12 +51,17 @@ dbx::DBClientConfig clientConfig(const GlobalOptions& options) {
 
 std::shared_ptr<WebDAVConnect> openStore(const GlobalOptions& options) {
   applyLogLevel(options.logLevel);
-  const dbx::DBClientConfig config = clientConfig(options);
   std::string token = options.token;
   if (token.empty()) {
     if (const char* fromEnvironment = std::getenv("WDC_TOKEN")) token = fromEnvironment;
   }
   std::optional<Error> error;
+  dbx::DBClientConfig config = clientConfig(options);
+  if (token.empty()) {
+    // A token linked by `wdc link` refreshes as the app it was issued to, without a secret.
+    auto stored = dbx::loadTokenStore(dbx::resolvedTokenStorePath(config));
+    if (stored && stored->oauth2AppKey) config.appKey = *stored->oauth2AppKey;
+  }
   const bool storeRead = dbx::DBClientsManager::setupWithConfig(config, &error);
   if (!token.empty()) {
     // A token given on the command line or in the environment is used, never stored.

@@ -17,6 +17,8 @@ namespace wdc::cli {
 struct GlobalOptions {
   std::string apiUrl = "https://api.dropboxapi.com";
   std::string contentUrl = "https://content.dropboxapi.com";
+  // Empty: the API host when --api was changed (the emulator serves every host), else Dropbox's.
+  std::string notifyUrl;
   // Empty: the environment's WDC_TOKEN, else the token store.
   std::string token;
   std::string caFile;

@@ -2,11 +2,13 @@
 // in the token store (mode 0600). `wdc unlink` forgets it.
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
 #include <iostream>
 #include <string>
 
 #include "dbx/clients_manager.h"
 #include "dbx/oauth_code_flow.h"
+#include "dbx/token_store.h"
 #include "tools/wdc/cli_context.h"
 #include "tools/wdc/output.h"
 #include "tools/wdc/store_commands.h"
@@ -58,11 +60,18 @@ void runLink(const GlobalOptions& options, const LinkOptions& link) {
   if (!dbx::DBClientsManager::authorizeWithToken(*token, &error)) {
     throw CommandFailure(failureText("the token could not be stored", error));
   }
-  const std::string store = dbx::resolvedTokenStorePath(config).string();
+  // Refreshes of this token must name the app it was issued to.
+  const std::filesystem::path store = dbx::resolvedTokenStorePath(config);
+  auto contents = dbx::loadTokenStore(store, &error);
+  if (contents) {
+    contents->oauth2AppKey = link.appKey;
+    if (!dbx::saveTokenStore(store, *contents, &error)) contents.reset();
+  }
+  if (!contents) throw CommandFailure(failureText("the token could not be stored", error));
   if (options.json) {
-    printJson({{"linked", true}, {"accountId", token->uid}, {"tokenStore", store}});
+    printJson({{"linked", true}, {"accountId", token->uid}, {"tokenStore", store.string()}});
   } else {
-    std::cout << "Linked. The refresh token is kept in " << store << "\n";
+    std::cout << "Linked. The refresh token is kept in " << store.string() << "\n";
   }
 }
 
@@ -74,6 +83,13 @@ void runUnlink(const GlobalOptions& options) {
     throw CommandFailure(failureText("cannot read the token store", error));
   }
   dbx::DBClientsManager::unlinkAndResetClients();
+  const std::filesystem::path store = dbx::resolvedTokenStorePath(config);
+  if (auto contents = dbx::loadTokenStore(store); contents && contents->oauth2AppKey) {
+    contents->oauth2AppKey.reset();
+    if (!dbx::saveTokenStore(store, *contents, &error)) {
+      throw CommandFailure(failureText("the token store could not be updated", error));
+    }
+  }
   if (options.json) {
     printJson({{"linked", false}});
   } else {

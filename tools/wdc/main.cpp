@@ -19,6 +19,8 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--content", options.contentUrl, "Base URL of the content host")
       ->capture_default_str();
+  app.add_option("--notify", options.notifyUrl,
+                 "Base URL of the longpoll host (default: --api when given, else Dropbox's)");
   app.add_option("--token", options.token,
                  "Access token to use (else $WDC_TOKEN, else the token store); never stored");
   app.add_option("--ca-file", options.caFile, "Extra certificate authorities (PEM) to trust");
