@@ -1,6 +1,7 @@
 #include "tools/wdc/cli_context.h"
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "dbx/clients_manager.h"
 #include "platform/logger.h"
@@ -41,8 +42,11 @@ dbx::DBClientConfig clientConfig(const GlobalOptions& options) {
   } else if (options.apiUrl != GlobalOptions{}.apiUrl) {
     config.notifyBaseUrl = options.apiUrl;
   }
-  if (!options.caFile.empty()) config.caFile = options.caFile;
-  if (!options.tokenStore.empty()) config.tokenStorePath = options.tokenStore;
+  // Absolute, because some commands change the current directory (the lock upload needs it).
+  if (!options.caFile.empty()) config.caFile = std::filesystem::absolute(options.caFile);
+  if (!options.tokenStore.empty()) {
+    config.tokenStorePath = std::filesystem::absolute(options.tokenStore);
+  }
   // A failing server should end a command within seconds, not minutes.
   config.connectTimeout = std::chrono::seconds(5);
   config.idleTimeout = std::chrono::seconds(30);

@@ -7,6 +7,8 @@ namespace wdc::cli {
 void registerStoreCommands(CLI::App& app, GlobalOptions& options) {
   registerLinkCommands(app, options);
   registerAccountCommand(app, options);
+  registerLockCommands(app, options);
+  registerRmCommand(app, options);
 }
 
 }  // namespace wdc::cli

@@ -11,5 +11,7 @@ struct GlobalOptions;
 
 void registerLinkCommands(CLI::App& app, GlobalOptions& options);    // link, unlink
 void registerAccountCommand(CLI::App& app, GlobalOptions& options);  // account
+void registerLockCommands(CLI::App& app, GlobalOptions& options);    // lock, unlock
+void registerRmCommand(CLI::App& app, GlobalOptions& options);       // rm
 
 }  // namespace wdc::cli
