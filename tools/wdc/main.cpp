@@ -13,6 +13,9 @@ int main(int argc, char** argv) {
   app.require_subcommand(0, 1);
   app.fallthrough(true);  // global options may also follow the command
   app.set_version_flag("--version", std::string("wdc ") + WDC_VERSION);
+  app.failure_message([](const CLI::App*, const CLI::Error& e) {
+    return "wdc: " + std::string(e.what()) + " (see --help)\n";
+  });
 
   wdc::cli::GlobalOptions options;
   app.add_option("--api", options.apiUrl, "Base URL of the API host")
