@@ -8,6 +8,9 @@
 // scripts/check-package.sh builds this against the installed package and runs it against
 // `wdc emulator`.
 #include <stdlib.h>
+#include <webdavconnect/dropbox_client_config.h>
+#include <webdavconnect/operation_queue.h>
+#include <webdavconnect/webdav_connect.h>
 
 #include <filesystem>
 #include <iostream>
@@ -15,16 +18,13 @@
 #include <optional>
 #include <string>
 
-#include <webdavconnect/dropbox_client_config.h>
-#include <webdavconnect/operation_queue.h>
-#include <webdavconnect/webdav_connect.h>
-
 namespace {
 
 // Says which step failed and why; the sync stops there.
 int failed(const char* step, const std::optional<wdc::Error>& error) {
-  std::cerr << "host_sync: " << step << " failed: "
-            << (error ? error->description() : std::string("no error given")) << "\n";
+  std::cerr << "host_sync: " << step
+            << " failed: " << (error ? error->description() : std::string("no error given"))
+            << "\n";
   return 1;
 }
 
