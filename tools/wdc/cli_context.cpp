@@ -49,7 +49,7 @@ dbx::DBClientConfig clientConfig(const GlobalOptions& options) {
   }
   // A failing server should end a command within seconds, not minutes.
   config.connectTimeout = std::chrono::seconds(5);
-  config.idleTimeout = std::chrono::seconds(30);
+  config.idleTimeout = std::chrono::seconds(options.longWaits ? 130 : 30);
   return config;
 }
 

@@ -25,6 +25,8 @@ struct GlobalOptions {
   std::string tokenStore;
   std::string logLevel = "off";
   bool json = false;
+  // Set by `delta --watch`: a longpoll answer may take the poll's timeout plus server jitter.
+  bool longWaits = false;
 };
 
 class CommandFailure : public std::runtime_error {

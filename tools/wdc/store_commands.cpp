@@ -9,6 +9,11 @@ void registerStoreCommands(CLI::App& app, GlobalOptions& options) {
   registerAccountCommand(app, options);
   registerLockCommands(app, options);
   registerRmCommand(app, options);
+  registerPutCommand(app, options);
+  registerGetCommand(app, options);
+  registerPullCommand(app, options);
+  registerDeltaCommand(app, options);
+  registerDemoCommand(app, options);
 }
 
 }  // namespace wdc::cli
