@@ -19,6 +19,8 @@ WebDAVConnect::~WebDAVConnect() = default;
 
 void WebDAVConnect::removeAllResources() {
   WebDAVDropboxZipSnapshot::sharedSnapshot().reset();
+  arrDeltaDirectoryChanges_.reset();
+  arrDropboxDeltaTuples_.reset();
 }
 
 }  // namespace wdc
