@@ -115,9 +115,10 @@ double runClientPaging(size_t* entries) {
   bool more = false;
   const double start = now();
   auto page = [&](auto task) {
-    wdc::CountingSemaphore answered(0);
+    // Shared with the handler, which may still be unwinding when the wait returns.
+    auto answered = std::make_shared<wdc::CountingSemaphore>(0);
     task.setResponseBlock(
-        [&](const wdc::dbx::DBFILESListFolderResult* result, const auto*, const auto*) {
+        [&, answered](const wdc::dbx::DBFILESListFolderResult* result, const auto*, const auto*) {
           if (result == nullptr) {
             ok = false;
           } else {
@@ -125,10 +126,10 @@ double runClientPaging(size_t* entries) {
             cursor = result->cursor;
             more = result->hasMore;
           }
-          answered.signal();
+          answered->signal();
         },
         queue);
-    answered.wait();
+    answered->wait();
   };
   page(client->filesRoutes().listFolder(arg));
   while (ok && more) page(client->filesRoutes().listFolderContinue(cursor));
@@ -195,8 +196,8 @@ int main() {
   const double baselineMegabytes = peakResidentMegabytes();
 
   wdc::dbx::DBTokenStoreContents store;
-  store.oauth2 = wdc::dbx::DBOAuth2Token{.uid = "dbid:bench", .accessToken = "T",
-                                         .refreshToken = {}, .expiresAt = {}};
+  store.oauth2 = wdc::dbx::DBOAuth2Token{
+      .uid = "dbid:bench", .accessToken = "T", .refreshToken = {}, .expiresAt = {}};
   wdc::dbx::DBClientConfig config;
   config.apiBaseUrl = "https://127.0.0.1:" + std::to_string(child.port);
   config.contentBaseUrl = config.apiBaseUrl;
@@ -255,24 +256,27 @@ int main() {
   std::remove(caFile.c_str());
   std::remove(tokenStore.c_str());
 
-  std::printf("\nDelta listing: %d record files in 6 folders (+6 folder entries), pages of 1,000, "
-              "TLS keep-alive, emulator in a child process; best of %d (SDK: one run)\n",
-              kEntries, kRounds);
+  std::printf(
+      "\nDelta listing: %d record files in 6 folders (+6 folder entries), pages of 1,000, "
+      "TLS keep-alive, emulator in a child process; best of %d (SDK: one run)\n",
+      kEntries, kRounds);
   std::printf("%-44s %21s %10s %10s %13s\n", "listing", "throughput", "time", "x of SDK",
               "time / floor");
   printRow("client paging alone (floor)", floor, sdk, floor);
   printRow("webdavconnect getDeltaFileList fetch", ours, sdk, floor);
   printRow("official Python SDK list_folder/continue", sdk, sdk, floor);
   std::printf("entries seen: floor %zu; records returned for tod: %zu\n", floorEntries, records);
-  std::printf("cache-only call, one folder of ~%d records: %.3f ms (%.0f calls/s, %.0f entries "
-              "filtered/s)\n",
-              kEntries / 6, cacheOnly * 1e3, 1 / cacheOnly, (kEntries + 6) / cacheOnly);
+  std::printf(
+      "cache-only call, one folder of ~%d records: %.3f ms (%.0f calls/s, %.0f entries "
+      "filtered/s)\n",
+      kEntries / 6, cacheOnly * 1e3, 1 / cacheOnly, (kEntries + 6) / cacheOnly);
   std::printf("cache-only call, extension not seen: %.3f us (%.0f calls/s)\n", absent * 1e6,
               1 / absent);
-  std::printf("peak resident memory: %.1f MB before the fetch, %.1f MB after the first fetch "
-              "(+%.1f MB), %.1f MB at the end\n",
-              baselineMegabytes, afterFetchMegabytes, afterFetchMegabytes - baselineMegabytes,
-              finalMegabytes);
+  std::printf(
+      "peak resident memory: %.1f MB before the fetch, %.1f MB after the first fetch "
+      "(+%.1f MB), %.1f MB at the end\n",
+      baselineMegabytes, afterFetchMegabytes, afterFetchMegabytes - baselineMegabytes,
+      finalMegabytes);
   std::printf("(records answered by cache-only calls: %zu)\n", answered);
   return ours > 0 && floor > 0 ? 0 : 1;
 }

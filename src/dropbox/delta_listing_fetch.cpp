@@ -65,8 +65,8 @@ void WebDAVConnect::fetchDeltaPages(ErrorOut error, const std::optional<std::str
     using RouteError = std::remove_cv_t<std::remove_pointer_t<decltype(routeError)>>;
     if (result != nullptr) {
       if (!result->entries.empty()) {
-        log::debug(fmt::format("[DROPBOX] Delta returned changed entries: {}",
-                               result->entries.size()));
+        log::debug(
+            fmt::format("[DROPBOX] Delta returned changed entries: {}", result->entries.size()));
         arrDropboxDeltaTuples_->insert(arrDropboxDeltaTuples_->end(), result->entries.begin(),
                                        result->entries.end());
       } else {
@@ -83,7 +83,9 @@ void WebDAVConnect::fetchDeltaPages(ErrorOut error, const std::optional<std::str
                              requestError ? requestError->description() : "(null)"));
     }
     std::optional<dbx::DBRequestError> routeFailure;
-    if (routeError != nullptr && requestError == nullptr) routeFailure = asRequestError(*routeError);
+    if (routeError != nullptr && requestError == nullptr) {
+      routeFailure = asRequestError(*routeError);
+    }
     const dbx::DBRequestError* outcome = routeFailure ? &*routeFailure : requestError;
     if constexpr (std::is_same_v<RouteError, dbx::DBFILESListFolderContinueError>) {
       if (routeError != nullptr && !shouldResetLocalData) {

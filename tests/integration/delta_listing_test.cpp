@@ -1,9 +1,9 @@
 // The delta listing end to end: WebDAVConnect -> retry loop -> listing -> client -> TLS ->
 // emulator. What a fetch caches, what cache-only calls answer without the network, which
 // entries become records and how, and which folders get marked for a snapshot.
-#include <fmt/format.h>
-
 #include "delta_listing_test.h"
+
+#include <fmt/format.h>
 
 namespace wdc::testing_support {
 namespace {
@@ -41,7 +41,8 @@ TEST_F(DeltaListing, FoldersAndDeletionsDoNotCountTowardsASnapshot) {
   putRecords("cat", "cat", 5, "a");
   ASSERT_TRUE(fetch("cat", "cat"));
   const auto cursor = connection_->dropboxDeltaCursor;
-  for (int i = 0; i < 5; ++i) emulator_->removePath(fmt::format("/cat/{}", recordName(fmt::format("a{:04d}", i), "cat")));
+  for (int i = 0; i < 5; ++i)
+    emulator_->removePath(fmt::format("/cat/{}", recordName(fmt::format("a{:04d}", i), "cat")));
   putRecords("cat", "cat", 20, "b");
   for (int i = 0; i < 5; ++i) emulator_->createFolder(fmt::format("/cat/folder{}", i));
 
@@ -105,8 +106,8 @@ TEST_F(DeltaListing, CacheOnlyCallsMakeNoRequestAtAll) {
     auto records = cached("tod", absent);
     ASSERT_TRUE(records) << absent;
     EXPECT_THAT(*records, IsEmpty());
-    EXPECT_TRUE(log_.contains(log::Level::kInfo,
-                              fmt::format("[DROPBOX] Delta returning empty set for: {} [2]", absent)));
+    EXPECT_TRUE(log_.contains(
+        log::Level::kInfo, fmt::format("[DROPBOX] Delta returning empty set for: {} [2]", absent)));
   }
   EXPECT_EQ(emulator_->requestCount("*"), 0u);
   EXPECT_FALSE(error_);
@@ -144,15 +145,15 @@ TEST_F(DeltaListing, RemoveAllResourcesDropsTheCacheAndTheSnapshotMarks) {
 }
 
 TEST_F(DeltaListing, RecordsFollowTheNameRulesHostsRelyOn) {
-  put("/tod/o_a_k_c_p_p_i.tod");                      // 7 fields: not a record
-  put("/tod/o_a_k_c_p_p_i_u1_d_dev.tod");             // 10 fields
-  put("/tod/o_a_k_c_p_p_i_u2_d.tod");                 // 9 fields
-  put("/tod/o_a_k_c_p_p_i_u5_d_x y.tod");             // a blank
-  put("/tod/o_a_k_c_p_p_i_u6_d_x.col");               // another extension
-  put("/Tod/O_A_K_Cap_p_p_i_U7_d_x.tod");             // capitals on the store
-  put("/tod/o_d_k_c_p_p_i_u3_d_x.tod");               // op type "d"
-  put("/tod/sub/o_a_k_c_p_p_i_u4_d_x.tod");           // in a sub-folder
-  put("/todo/o_a_k_c_p_p_i_u8_d_x.tod");              // a folder that starts like it
+  put("/tod/o_a_k_c_p_p_i.tod");             // 7 fields: not a record
+  put("/tod/o_a_k_c_p_p_i_u1_d_dev.tod");    // 10 fields
+  put("/tod/o_a_k_c_p_p_i_u2_d.tod");        // 9 fields
+  put("/tod/o_a_k_c_p_p_i_u5_d_x y.tod");    // a blank
+  put("/tod/o_a_k_c_p_p_i_u6_d_x.col");      // another extension
+  put("/Tod/O_A_K_Cap_p_p_i_U7_d_x.tod");    // capitals on the store
+  put("/tod/o_d_k_c_p_p_i_u3_d_x.tod");      // op type "d"
+  put("/tod/sub/o_a_k_c_p_p_i_u4_d_x.tod");  // in a sub-folder
+  put("/todo/o_a_k_c_p_p_i_u8_d_x.tod");     // a folder that starts like it
   auto records = fetch("tod", "tod");
   ASSERT_TRUE(records);
   ASSERT_THAT(namesOf(records),
@@ -170,8 +171,8 @@ TEST_F(DeltaListing, RecordsFollowTheNameRulesHostsRelyOn) {
   EXPECT_DOUBLE_EQ(full.ModificationDateAbsolute, 1714566605.0);
   EXPECT_FALSE(full.CreationDate);
   EXPECT_FALSE(full.DeletedFromDropbox);
-  EXPECT_FALSE((*records)[1]->DeviceUDID);  // 9 fields: no device field at all
-  EXPECT_EQ((*records)[2]->ContainerUID, "cap");  // identifiers come back lower-cased
+  EXPECT_FALSE((*records)[1]->DeviceUDID);         // 9 fields: no device field at all
+  EXPECT_EQ((*records)[2]->ContainerUID, "cap");   // identifiers come back lower-cased
   EXPECT_TRUE((*records)[3]->DeletedFromDropbox);  // a live file with op type "d"
 
   EXPECT_THAT(listingLines(log::Level::kDebug),
@@ -198,11 +199,11 @@ TEST_F(DeltaListing, FolderNamesAreComparedWithTheServersLowerCasePathsAsGiven) 
   auto capitals = fetch("Tod", "tod");
   ASSERT_TRUE(capitals);
   EXPECT_THAT(*capitals, IsEmpty());
-  EXPECT_TRUE(log_.contains(log::Level::kDebug,
-                            "[DROPBOX] ...    ignoring /tod/" + recordName("u0000", "tod") +
-                                ", not under wanted path: /Tod"));
-  for (const std::optional<std::string>& root : {std::optional<std::string>(""),
-                                                  std::optional<std::string>()}) {
+  EXPECT_TRUE(log_.contains(log::Level::kDebug, "[DROPBOX] ...    ignoring /tod/" +
+                                                    recordName("u0000", "tod") +
+                                                    ", not under wanted path: /Tod"));
+  for (const std::optional<std::string>& root :
+       {std::optional<std::string>(""), std::optional<std::string>()}) {
     auto records = cached(root, "tod");
     ASSERT_TRUE(records);
     EXPECT_THAT(*records, IsEmpty());
@@ -241,22 +242,21 @@ TEST_F(DeltaListing, AFetchLogsEachStepAtDebugLevel) {
   const std::string cursor = *connection_->dropboxDeltaCursor;
   EXPECT_THAT(
       listingLines(log::Level::kDebug),
-      ElementsAre(
-          "[DROPBOX] Delta Setting up Cache...", "[DROPBOX] Delta No previous cursor...",
-          "[DROPBOX] Delta returned changed entries: 4",
-          "[DROPBOX] Delta loaded, has more changes [0] Should reset [0] New Cursor [" + cursor +
-              "] ",
-          "[DROPBOX] delta ended, successful call [1] more changes [0] reset [0] cursor [" +
-              cursor + "]",
-          "[DROPBOX] Delta filtering... 4", "[DROPBOX] ... path: /col, has deleted? 0",
-          "[DROPBOX] ...     ignoring /col, extension does not match: ",
-          "[DROPBOX] ... path: /col/" + recordName("u2", "col") + ", has deleted? 0",
-          "[DROPBOX] ...     ignoring /col/" + recordName("u2", "col") +
-              ", extension does not match: col",
-          "[DROPBOX] ... path: /tod, has deleted? 0",
-          "[DROPBOX] ...     ignoring /tod, extension does not match: ",
-          "[DROPBOX] ... path: /tod/" + recordName("u1", "tod") + ", has deleted? 0",
-          "[DROPBOX] Delta finally returning 1 for tod"));
+      ElementsAre("[DROPBOX] Delta Setting up Cache...", "[DROPBOX] Delta No previous cursor...",
+                  "[DROPBOX] Delta returned changed entries: 4",
+                  "[DROPBOX] Delta loaded, has more changes [0] Should reset [0] New Cursor [" +
+                      cursor + "] ",
+                  "[DROPBOX] delta ended, successful call [1] more changes [0] reset [0] cursor [" +
+                      cursor + "]",
+                  "[DROPBOX] Delta filtering... 4", "[DROPBOX] ... path: /col, has deleted? 0",
+                  "[DROPBOX] ...     ignoring /col, extension does not match: ",
+                  "[DROPBOX] ... path: /col/" + recordName("u2", "col") + ", has deleted? 0",
+                  "[DROPBOX] ...     ignoring /col/" + recordName("u2", "col") +
+                      ", extension does not match: col",
+                  "[DROPBOX] ... path: /tod, has deleted? 0",
+                  "[DROPBOX] ...     ignoring /tod, extension does not match: ",
+                  "[DROPBOX] ... path: /tod/" + recordName("u1", "tod") + ", has deleted? 0",
+                  "[DROPBOX] Delta finally returning 1 for tod"));
 }
 
 }  // namespace
