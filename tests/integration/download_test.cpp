@@ -269,15 +269,27 @@ TEST_F(Download, ARetryAfterTheConnectionWasReleasedCompletesWithTheFailedAttemp
   EXPECT_EQ(freeDownloadSlots(), 4);
 }
 
-TEST_F(Download, CutShortDownloadsAreRetriedAndLeaveNoSlotBehind) {
+TEST_F(Download, CutShortOrDamagedDownloadsAreRetriedAndLeaveNoSlotBehind) {
   putRecord("tod", recordName(8), "eight");
   failNext(kFileRoute, emu::FaultKind::kTruncate, 1);
   failNext(kFileRoute, emu::FaultKind::kDrop, 1);
+  failNext(kFileRoute, emu::FaultKind::kCorrupt, 1);
   auto connection = newConnection();
   std::optional<Error> error;
   EXPECT_EQ(titleOf(connection->getContentsForFile(meta(recordName(8)), "tod", &error)), "eight");
-  EXPECT_EQ(emulator_->requestCount(kFileRoute), 3u);
-  failNext(kFileRoute, emu::FaultKind::kTruncate, 1);
+  EXPECT_EQ(emulator_->requestCount(kFileRoute), 4u);
+  EXPECT_THAT(sleptSeconds(), ElementsAre(0.5, 0.5, 0.5));
+  EXPECT_THAT(log_.messages(log::Level::kError),
+              Contains(HasSubstr("content hash mismatch")));
+  // A damaged body that arrives asynchronously is retried too; one that cannot be retried
+  // reaches the completion as the lost connection it is.
+  failNext(kFileRoute, emu::FaultKind::kCorrupt, 1);
+  Waiter retried;
+  connection->getContentsForFile(meta(recordName(8)), "tod", 2, retried.completion());
+  auto second = driveUntilDone(retried);
+  ASSERT_TRUE(second);
+  EXPECT_EQ(titleOf(second->contents), "eight");
+  failNext(kFileRoute, emu::FaultKind::kCorrupt, 1);
   Waiter waiter;
   connection->getContentsForFile(meta(recordName(8)), "tod", 1, waiter.completion());
   auto outcome = driveUntilDone(waiter);
