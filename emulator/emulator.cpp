@@ -211,6 +211,9 @@ std::optional<FaultKind> Emulator::Impl::serve(Exchange& exchange) {
       case FaultKind::kReset:
         exchange.replyRouteError(tag("reset"));
         return std::nullopt;
+      case FaultKind::kTooManyFiles:
+        exchange.replyRouteError(tag("too_many_files"));
+        return std::nullopt;
       case FaultKind::kLatency:
         break;
     }

@@ -46,6 +46,7 @@ enum class FaultKind {
   kCorrupt,                 // a normal answer with bytes of its body flipped, length kept ("corrupt")
   kReset,                   // list_folder/continue answers 409 reset ("reset")
   kLatency,                 // the answer is delayed by `argument` ms, then served ("latency")
+  kTooManyFiles,            // 409 route error too_many_files ("toomanyfiles")
 };
 
 // Where a 429 states its back-off. Dropbox sends both; clients must cope with less.
@@ -76,13 +77,16 @@ struct FaultRule {
 
 // Two pseudo-routes reach single entries of a batch commit instead of requests: a 429w rule on
 // "files/upload_session/finish_batch/entry" or "files/delete_batch/entry" makes the entries it
-// hits fail with too_many_write_operations inside an otherwise complete result ("*" rules never
-// apply to entries).
+// hits fail with too_many_write_operations inside an otherwise complete result, and a
+// toomanyfiles rule on "files/delete_batch/entry" makes them fail with too_many_files ("*" rules
+// never apply to entries). A 429w rule on "files/delete_batch/job" makes the next delete job it
+// hits answer failed (too_many_write_operations) when polled, deleting nothing.
 //
 // Parses `ROUTE:KIND[:ARG][@P][#N]`, e.g. "*:429:1@0.1", "files/download:drop@0.05",
 // "files/download:429:2#3" (the next three downloads answer 429 with Retry-After 2),
 // "files/upload:429" (a 429 that states no back-off), "files/upload:429:2b" (body only).
-// KIND is one of 429, 429w, 500, 503, drop, truncate, corrupt, reset, latency (latency needs ARG).
+// KIND is one of 429, 429w, 500, 503, drop, truncate, corrupt, reset, latency (latency needs
+// ARG), toomanyfiles.
 // Returns nullopt and, when `error` is non-null, a reason when the text is not such a rule.
 [[nodiscard]] std::optional<FaultRule> parseFaultRule(std::string_view text,
                                                       std::string* error = nullptr);
@@ -109,6 +113,12 @@ struct EmulatorOptions {
   // finish_batch/check and delete_batch/check answer in_progress this many times per job before
   // complete.
   uint32_t batchCheckPolls = 1;
+  // delete_batch runs the batch at once and answers complete instead of a job id (Dropbox may).
+  bool deleteBatchCompletesAtOnce = false;
+  // How long a written file takes to show up in search results. Dropbox indexes new files after
+  // a few seconds; 0 makes them searchable at once. Measured on the Env's wall clock against the
+  // file's server-modified time.
+  std::chrono::milliseconds searchIndexDelay{0};
   // Lifetime of the access tokens oauth2/token hands out.
   std::chrono::seconds accessTokenLifetime{14'400};
   // App key and secret for oauth2/token and auth/token/from_oauth1 (Basic auth). Empty: any.

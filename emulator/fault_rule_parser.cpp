@@ -33,6 +33,7 @@ std::optional<FaultKind> parseKind(std::string_view text) {
   if (text == "corrupt") return FaultKind::kCorrupt;
   if (text == "reset") return FaultKind::kReset;
   if (text == "latency") return FaultKind::kLatency;
+  if (text == "toomanyfiles") return FaultKind::kTooManyFiles;
   return std::nullopt;
 }
 
@@ -73,7 +74,11 @@ std::optional<FaultRule> parseFaultRule(std::string_view text, std::string* erro
     argText = rest.substr(colon + 1);
   }
   const std::optional<FaultKind> kind = parseKind(kindText);
-  if (!kind) return fail("unknown kind (429, 429w, 500, 503, drop, truncate, corrupt, reset, latency)");
+  if (!kind) {
+    return fail(
+        "unknown kind (429, 429w, 500, 503, drop, truncate, corrupt, reset, latency, "
+        "toomanyfiles)");
+  }
   rule.kind = *kind;
 
   const bool is429 =

@@ -52,6 +52,10 @@ Json runDeleteBatch(Emulator::Impl& impl, const Json& entries) {
       results.push_back(Json{{".tag", "failure"}, {"failure", tag("too_many_write_operations")}});
       continue;
     }
+    if (fault.fault && fault.fault->kind == FaultKind::kTooManyFiles) {
+      results.push_back(Json{{".tag", "failure"}, {"failure", tag("too_many_files")}});
+      continue;
+    }
     auto [metadata, error] = deleteOne(impl, deleteArgs);
     if (metadata) {
       results.push_back(Json{{".tag", "success"}, {"metadata", std::move(*metadata)}});
@@ -60,6 +64,24 @@ Json runDeleteBatch(Emulator::Impl& impl, const Json& entries) {
     }
   }
   return results;
+}
+
+// Dropbox runs a delete job whether or not anyone polls it, so by the time the account launches
+// another one, a job whose client stopped polling (its poll failed, say) has long finished. Here
+// jobs run when polled, so such a job is run now and lets go of the commit lock. A commit job of
+// the upload routes still holding the lock is real contention and stays.
+void finishAbandonedDeleteJob(Emulator::Impl& impl) {
+  if (!impl.runningWriteJob) return;
+  const auto it = impl.jobs.find(*impl.runningWriteJob);
+  if (it == impl.jobs.end() || it->second.kind != BatchJob::kDelete) return;
+  if (!it->second.result) it->second.result = runDeleteBatch(impl, it->second.arguments);
+  impl.runningWriteJob.reset();
+}
+
+// A 429w rule on the pseudo-route "files/delete_batch/job" fails the job it hits.
+bool deleteJobFails(Emulator::Impl& impl) {
+  const FaultDecision fault = impl.faults.decide("files/delete_batch/job", false);
+  return fault.fault && fault.fault->kind == FaultKind::kTooManyWriteOperations;
 }
 
 void pollJob(Emulator::Impl& impl, Exchange& exchange, const Json& arg, BatchJob::Kind kind) {
@@ -79,10 +101,16 @@ void pollJob(Emulator::Impl& impl, Exchange& exchange, const Json& arg, BatchJob
       return exchange.replyJson(tag("in_progress"));
     }
     // The commit happens now, so other clients see the files only once the job is complete.
-    job.result = kind == BatchJob::kFinish ? runFinishBatch(impl, job.arguments)
-                                           : runDeleteBatch(impl, job.arguments);
+    if (kind == BatchJob::kDelete && deleteJobFails(impl)) {
+      // A failed job is kept as its whole answer (an object); completed ones keep their entries.
+      job.result = Json{{".tag", "failed"}, {"failed", tag("too_many_write_operations")}};
+    } else {
+      job.result = kind == BatchJob::kFinish ? runFinishBatch(impl, job.arguments)
+                                             : runDeleteBatch(impl, job.arguments);
+    }
     if (impl.runningWriteJob == jobId) impl.runningWriteJob.reset();
   }
+  if (job.result->is_object()) return exchange.replyJson(*job.result);
   exchange.replyJson(Json{{".tag", "complete"}, {"entries", *job.result}});
 }
 
@@ -103,6 +131,11 @@ void handleDeleteBatch(Emulator::Impl& impl, Exchange& exchange, const Json& arg
   const Json* entries = args.list("entries", true, kMaxBatchEntries);
   if (!args.ok()) return exchange.replyBadInput(args.problem());
   std::lock_guard lock(impl.mutex);
+  if (impl.options.deleteBatchCompletesAtOnce) {
+    return exchange.replyJson(
+        Json{{".tag", "complete"}, {"entries", runDeleteBatch(impl, *entries)}});
+  }
+  finishAbandonedDeleteJob(impl);
   if (impl.runningWriteJob) return replyWriteContention(exchange);
   const std::string jobId = impl.newJobId();
   impl.jobs[jobId] = BatchJob{BatchJob::kDelete, *entries, impl.batchCheckPolls, {}};

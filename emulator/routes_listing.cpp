@@ -114,7 +114,10 @@ std::vector<SearchHit> runSearch(const Emulator::Impl& impl, const std::string& 
     }
     return hits;
   }
+  // Files written within the index delay are not searchable yet, as on the real service.
+  const TimePoint indexedUpTo = impl.now() - impl.options.searchIndexDelay;
   for (const StoredEntry* entry : impl.store.list(folderLower, true)) {
+    if (!entry->isFolder && entry->serverModified > indexedUpTo) continue;
     if (nameMatches(nameOf(entry->pathDisplay), tokens)) hits.push_back(SearchHit{entry, {}});
   }
   return hits;

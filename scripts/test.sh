@@ -6,3 +6,4 @@ bash scripts/build.sh
 jobs=$(nproc 2>/dev/null || echo 2)
 cd build
 ctest --output-on-failure -j"$jobs" --timeout 600
+bash ../scripts/check-package.sh

@@ -27,6 +27,7 @@ namespace wdc {
 namespace dbx {
 struct DBRequestError;
 class DBUserClient;
+class DBFILESMetadata;
 }  // namespace dbx
 
 namespace detail {
@@ -77,6 +78,34 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   std::optional<std::string> getAccountUsername(ErrorOut error = nullptr);
 
   // -- Sync lock, deletes and folders (src/core/public_lock_delete_operations.cpp)
+
+  // The current sync lock: the last lock file (".tsl") the server's search lists in the root
+  // folder, or null when there is none (then `error` is untouched). An error with code 0 ends the
+  // operation at once, without a retry.
+  std::shared_ptr<WebDAVFileMetaData> getCurrentLockFile(ErrorOut error = nullptr);
+  // Takes the sync lock for `ownerIdentifier`: uploads "<owner>_<seconds since 1970>.tsl" to the
+  // root folder and returns its record (`FilePath` = the lock name without ".tsl", `UID` = the
+  // owner). See lockDirectoryDropbox for where the uploaded bytes are read from.
+  std::shared_ptr<WebDAVFileMetaData> lockDirectory(const std::string& ownerIdentifier,
+                                                    ErrorOut error = nullptr);
+  // Removes the lock file named by `lockName` (the `FilePath` of a lock record). True only when
+  // the server confirms it deleted that very file; false without an error when it was not there.
+  bool unlockDirectory(const std::string& lockName, ErrorOut error = nullptr);
+  // Deletes `paths` (host paths, resolved like folder paths) in one polled batch. Entries that
+  // are not found, not a file or not a folder do not fail the batch. Reports differently from
+  // the other operations: with `error`, every failed attempt stores the batch's error there and
+  // the result is true exactly when the last attempt had none; without `error`, one attempt only.
+  bool deleteArbitraryFiles(const std::vector<std::string>& paths, ErrorOut error = nullptr);
+  // Deletes `name` in `inFolder`. True only when the server confirms it deleted that path; a
+  // file that was not there gives false and leaves `error` untouched.
+  bool deleteArbitraryFile(const std::optional<std::string>& name,
+                           const std::optional<std::string>& inFolder, ErrorOut error = nullptr);
+  // Deletes everything the server's name search for `pattern` lists under `inFolder`, at any
+  // depth (partial name matches included, up to the search's result limit of 100), in one batch.
+  bool deleteFilesThatMatch(const std::string& pattern, const std::optional<std::string>& inFolder,
+                            ErrorOut error = nullptr);
+  // Deletes the folder `path` with everything in it. True only when the server confirms it.
+  bool deleteFolder(const std::optional<std::string>& path, ErrorOut error = nullptr);
 
   // -- Read path: delta listing (src/core/public_delta_operations.cpp)
 
@@ -155,14 +184,89 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   bool migrateDropboxV1TokensToV2WithQueue();
 
   // -- Folders and search (src/dropbox/folders.cpp, src/dropbox/search.cpp)
+  // Host paths are relative to the app folder, with or without a leading "/". The existence
+  // tests ask the server's name search, which lists partial matches at any depth, and which on
+  // the real service may not list a file for a few seconds after it was written.
+
+  // files/create_folder_v2 (no renaming). False, with the server's error, when something is
+  // already there.
+  bool createNewDropboxFolder(const std::optional<std::string>& folderPath,
+                              ErrorOut error = nullptr);
+  // Deletes the folder with everything in it (deleteArbitraryFileFromDropbox of "" in it).
+  bool deleteDropboxFolder(const std::optional<std::string>& folderPath, ErrorOut error = nullptr);
+  // Searches the parent folder for the last path component: true when some match's name equals
+  // it exactly (case-sensitive), folder or file alike.
+  bool doesDropboxFolderExist(const std::optional<std::string>& folderPath,
+                              ErrorOut error = nullptr);
+  // doesDropboxContainFile of the last path component in the parent folder, excluding nothing.
+  bool doesDropboxFileExist(const std::optional<std::string>& filePath, ErrorOut error = nullptr);
+  // True when searchForMatchingFiles lists anything; false on failure (with `error` set).
+  bool doesDropboxContainFile(const std::optional<std::string>& fileName,
+                              const std::optional<std::string>& inFolder,
+                              const std::optional<std::string>& excludingFile,
+                              ErrorOut error = nullptr);
+  // files/search for `fileName` under `inFolder`: whatever the server lists, in its order, at any
+  // depth, whole or partial matches, except matches whose lower-case name equals `excludingFile`
+  // lower-cased (when non-empty). Each record has only `FilePath` (the match's whole lower-case
+  // path, leading "/" included) and `Extension`. Absent on failure; an empty list is no error.
+  std::optional<FileList> searchForMatchingFiles(const std::optional<std::string>& fileName,
+                                                 const std::optional<std::string>& inFolder,
+                                                 const std::optional<std::string>& excludingFile,
+                                                 ErrorOut error = nullptr);
 
   // The Dropbox path of a host folder path: "/" joined with it as path components ("a", "/a" and
   // "a/" all give "/a"; "/" stays "/"); the root, "", for an empty or absent path.
   static std::string getResolvedDropboxFolderPath(const std::optional<std::string>& folderPath);
 
   // -- Sync lock (src/dropbox/sync_lock.cpp)
+  // The lock is a file "<owner>_<seconds since 1970, six decimals>.tsl" in the root of the app
+  // folder holding a property list {"meta": <32-hex-digit UUID>}. Nothing makes taking it atomic
+  // across devices: two devices may each see no lock and both upload one.
+
+  // Writes the lock file into the Env's temporary directory (replacing a stale copy, which is
+  // left there afterwards) and uploads it to "/<lock name>.tsl" (overwrite, mute). The upload
+  // reads the file by its bare name, resolved against the process's current directory (kept as
+  // it always was): a host runs with the temporary directory as its current directory, or the
+  // upload fails with NSURLErrorDomain -1100 and nothing is sent. Returns the lock record
+  // (`FilePath` = lock name, `UID` = `ownerIdentifier`).
+  std::shared_ptr<WebDAVFileMetaData> lockDirectoryDropbox(const std::string& ownerIdentifier,
+                                                           ErrorOut error = nullptr);
+  // Searches the root for ".tsl" and describes the last match in the server's order (a second
+  // lock present at the same time is not reported): `FilePath` = its name without extension,
+  // `UID` = the part before the first "_", dates from its client-modified time (none for a
+  // folder). Null when nothing matched (then `error` is untouched) or on failure.
+  std::shared_ptr<WebDAVFileMetaData> getCurrentDropboxLockFile(ErrorOut error = nullptr);
+  // deleteArbitraryFileFromDropbox of "<lockName>.tsl" in "/".
+  bool unlockDirectoryDropbox(const std::string& lockName, ErrorOut error = nullptr);
 
   // -- Deletes (src/dropbox/delete*.cpp)
+  // Folder and name are joined with one "/" (the root "" gives "/name").
+
+  // files/delete_v2 of `name` in `inFolder`. True only when the answer's metadata names this
+  // very path; a path that is not found, not a file, or answers 404/409 gives false with no
+  // error.
+  bool deleteArbitraryFileFromDropbox(const std::optional<std::string>& name,
+                                      const std::optional<std::string>& inFolder,
+                                      ErrorOut error = nullptr);
+  // deleteArbitraryFileFromDropbox of the file's `FilePath`.
+  bool deleteFileAtPathFromDropbox(const std::shared_ptr<WebDAVFileMetaData>& file,
+                                   const std::optional<std::string>& inFolder,
+                                   ErrorOut error = nullptr);
+  // deleteFilesAtPathsFromDropbox of each file's `FilePath` joined to `inFolder` ("" when absent).
+  std::optional<Error> deleteFilesAtPathFromDropbox(const FileList& files,
+                                                    const std::optional<std::string>& inFolder);
+  // files/delete_batch of the resolved paths (at most 1,000), then files/delete_batch/check back
+  // to back, with no pause and no limit, until the job completes or fails. Returns the error, or
+  // nothing on success: entries not found / not a file / not a folder are ignored; an entry with
+  // too_many_files ("Dropbox" 406) or too_many_write_operations (400) ends the walk; a launch
+  // without a job id (even one the server completed at once) is "Could not delete files in
+  // Dropbox" (400). Does not touch the connection's call state.
+  std::optional<Error> deleteFilesAtPathsFromDropbox(const std::vector<std::string>& paths);
+  // Deletes, in one batch, what searchForMatchingFiles(`thatMatch`, `folder`) lists under
+  // `folder`. False when the search failed (call state untouched); otherwise records the batch's
+  // outcome as the connection's last call and returns whether it succeeded.
+  bool deleteFilesThatMatchInDropbox(const std::optional<std::string>& folder,
+                                     const std::string& thatMatch, ErrorOut error = nullptr);
 
   // -- Delta listing (src/dropbox/delta_listing*.cpp)
 
@@ -265,50 +369,66 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // joined to the root: kept as it always was); true, removing nothing, when nothing is there.
   bool deleteLocalFolder(const std::optional<std::string>& folder, ErrorOut error);
   // Empty operations of the local backend: empty results, nothing written.
-  std::optional<std::string> getLocalAccountUsername();
-  std::shared_ptr<WebDAVFileMetaData> getCurrentLocalLockFile();
-  std::shared_ptr<WebDAVFileMetaData> lockDirectoryLocal(ErrorOut error);
-  bool unlockDirectoryLocal(ErrorOut error);
-  std::optional<std::string> getHashFromLocal(const std::optional<std::string>& forFolderAtPath);
-  std::optional<FileList> getDeltaFileListFromLocal(const std::optional<std::string>& fromPath,
+  std::optional<std::string> getLocalAccountUsername(ErrorOut error = nullptr);
+  std::shared_ptr<WebDAVFileMetaData> getCurrentLocalLockFile(ErrorOut error = nullptr);
+  std::shared_ptr<WebDAVFileMetaData> lockDirectoryLocal(const std::string& ownerIdentifier,
+                                                         ErrorOut error);
+  bool unlockDirectoryLocal(const std::string& lockName, ErrorOut error);
+  std::optional<std::string> getHashFromLocal(ErrorOut error,
+                                              const std::optional<std::string>& forFolderAtPath);
+  std::optional<FileList> getDeltaFileListFromLocal(ErrorOut error,
+                                                    const std::optional<std::string>& fromPath,
                                                     const std::optional<std::string>& usingCursor,
                                                     const std::optional<std::string>& withExtension,
                                                     bool canUseCachedResult);
-  bool uploadArbitraryFileToLocal(const std::optional<PlistValue>& withData,
+  bool uploadArbitraryFileToLocal(const std::optional<std::string>& name,
+                                  const std::optional<PlistValue>& withData,
                                   const std::optional<std::string>& toFolder, ErrorOut error);
   std::optional<PlistValue> downloadArbitraryFileFromLocal(
-      const std::optional<std::string>& fromFolder, ErrorOut error);
-  bool deleteArbitraryFileFromLocal(const std::optional<std::string>& inFolder, ErrorOut error);
+      const std::optional<std::string>& name, const std::optional<std::string>& fromFolder,
+      ErrorOut error);
+  bool deleteArbitraryFileFromLocal(const std::optional<std::string>& name,
+                                    const std::optional<std::string>& inFolder, ErrorOut error);
 
   // ---- WebDAV backend (src/core/webdav_backend.cpp) -----------------------------------------
   // Present for hosts that call them; each returns an empty result (absent, false) and never
   // writes its error out-parameter.
-  std::optional<std::string> getWebDAVAccountUsername();
-  std::shared_ptr<WebDAVFileMetaData> getCurrentWebDAVLockFile();
-  std::shared_ptr<WebDAVFileMetaData> lockDirectoryWebDAV(ErrorOut error);
-  bool unlockDirectoryWebDAV(ErrorOut error);
-  std::optional<std::string> getHashFromWebDAV(const std::optional<std::string>& forFolderAtPath);
-  std::optional<FileList> getDeltaFileListFromWebDAV(const std::optional<std::string>& fromPath,
+  std::optional<std::string> getWebDAVAccountUsername(ErrorOut error = nullptr);
+  std::shared_ptr<WebDAVFileMetaData> getCurrentWebDAVLockFile(ErrorOut error = nullptr);
+  std::shared_ptr<WebDAVFileMetaData> lockDirectoryWebDAV(const std::string& ownerIdentifier,
+                                                          ErrorOut error);
+  bool unlockDirectoryWebDAV(const std::string& lockName, ErrorOut error);
+  std::optional<std::string> getHashFromWebDAV(ErrorOut error,
+                                               const std::optional<std::string>& forFolderAtPath);
+  std::optional<FileList> getDeltaFileListFromWebDAV(ErrorOut error,
+                                                     const std::optional<std::string>& fromPath,
                                                      const std::optional<std::string>& usingCursor,
                                                      const std::optional<std::string>& withExtension,
                                                      bool canUseCachedResult);
   std::optional<FileList> getFileListFromWebDAV(
-      const std::optional<std::string>& fromPath, const std::optional<Date>& modifiedAfter,
+      ErrorOut error, const std::optional<std::string>& fromPath,
+      const std::optional<Date>& modifiedAfter,
       const std::optional<std::vector<std::string>>& withExtension);
   std::shared_ptr<WebDAVFileContents> getContentsForWebDAVFile(
-      const std::optional<std::string>& inFolder, ErrorOut error);
-  bool doesWebDAVFolderExist(ErrorOut error);
-  bool createNewWebDAVFolder(ErrorOut error);
-  bool deleteWebDAVFolder(ErrorOut error);
-  bool uploadArbitraryFileToWebDAV(const std::optional<PlistValue>& withData,
+      const std::shared_ptr<WebDAVFileMetaData>& file, const std::optional<std::string>& inFolder,
+      ErrorOut error);
+  bool doesWebDAVFolderExist(const std::optional<std::string>& folder, ErrorOut error);
+  bool createNewWebDAVFolder(const std::optional<std::string>& folder, ErrorOut error);
+  bool deleteWebDAVFolder(const std::optional<std::string>& folder, ErrorOut error);
+  bool uploadArbitraryFileToWebDAV(const std::optional<std::string>& name,
+                                   const std::optional<PlistValue>& withData,
                                    const std::optional<std::string>& toFolder, ErrorOut error);
-  bool deleteArbitraryFileFromWebDAV(const std::optional<std::string>& inFolder, ErrorOut error);
+  bool deleteArbitraryFileFromWebDAV(const std::optional<std::string>& name,
+                                     const std::optional<std::string>& inFolder, ErrorOut error);
   std::optional<PlistValue> downloadArbitraryFileFromWebDAV(
-      const std::optional<std::string>& fromFolder, ErrorOut error);
+      const std::optional<std::string>& name, const std::optional<std::string>& fromFolder,
+      ErrorOut error);
   std::shared_ptr<WebDAVFileMetaData> uploadFileWithObjectToWebDAV(
+      const std::shared_ptr<WebDAVFileContents>& contents,
       const std::optional<std::string>& toFolder, const std::optional<std::string>& forDevice,
       ErrorOut error);
-  bool deleteFileAtPathFromWebDAV(const std::optional<std::string>& inFolder, ErrorOut error);
+  bool deleteFileAtPathFromWebDAV(const std::shared_ptr<WebDAVFileMetaData>& file,
+                                  const std::optional<std::string>& inFolder, ErrorOut error);
 
  private:
   friend struct detail::ConnectionInternals;
@@ -322,6 +442,12 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   bool asyncCallWasSuccessful_ = false;
 
   // -- Fields of the sync lock, deletes, folders and search
+  // Cached metadata of the app folder; dropped first when the connection goes.
+  std::shared_ptr<const dbx::DBFILESMetadata> metaDropboxFolder_;
+  // Listing scratch: host paths of a folder's files.
+  std::optional<std::vector<std::string>> arrDropboxFilePathsForDirectory_;
+  // The records of the last search, filled by its answer and handed to the caller.
+  std::optional<FileList> arrSearchMetaDatas_;
 
   // -- Fields of the delta listing
 

@@ -3,6 +3,8 @@
 // reader can tell 1.0 from 1.
 #include <fmt/format.h>
 
+#include <charconv>
+#include <chrono>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
@@ -196,6 +198,91 @@ std::vector<std::string> chainOf(const std::string& name) {
 
 bool fromJson(const Json& json, PlistValue& out, ErrorOut error, size_t depth);
 
+// Reads ISO 8601 text as people type it: "YYYY-MM-DD" (midnight UTC), or that with
+// "THH:MM[:SS[.fraction]]" and a zone, "Z" or "+HH:MM" / "-HH:MM" / "+HHMM". A time without a
+// zone is refused: its instant would depend on the machine that runs the encoder.
+std::optional<Date> dateFromIsoText(std::string_view text) {
+  size_t pos = 0;
+  auto number = [&](size_t digits, int low, int high, int& value) {
+    if (pos + digits > text.size()) return false;
+    value = 0;
+    for (size_t i = 0; i < digits; ++i) {
+      const char c = text[pos + i];
+      if (c < '0' || c > '9') return false;
+      value = value * 10 + (c - '0');
+    }
+    pos += digits;
+    return value >= low && value <= high;
+  };
+  auto literal = [&](char c) {
+    if (pos >= text.size() || text[pos] != c) return false;
+    ++pos;
+    return true;
+  };
+  int year, month, day;
+  if (!number(4, 0, 9999, year) || !literal('-') || !number(2, 1, 12, month) || !literal('-') ||
+      !number(2, 1, 31, day)) {
+    return std::nullopt;
+  }
+  const std::chrono::year_month_day civil{std::chrono::year{year},
+                                          std::chrono::month{static_cast<unsigned>(month)},
+                                          std::chrono::day{static_cast<unsigned>(day)}};
+  if (!civil.ok()) return std::nullopt;  // 31 April, 29 February of a common year
+  // Whole seconds since the reference date stay exact in an int64; the fraction is added once.
+  int64_t seconds = int64_t{std::chrono::sys_days{civil}.time_since_epoch().count()} * 86400 -
+                    static_cast<int64_t>(kReferenceDateUnixSeconds);
+  if (pos == text.size()) return Date{static_cast<double>(seconds)};
+
+  int hour, minute, second = 0;
+  if (!literal('T') || !number(2, 0, 23, hour) || !literal(':') || !number(2, 0, 59, minute)) {
+    return std::nullopt;
+  }
+  double fraction = 0;
+  if (literal(':')) {
+    if (!number(2, 0, 59, second)) return std::nullopt;
+    if (literal('.')) {
+      const size_t start = pos;
+      while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9') ++pos;
+      if (pos == start) return std::nullopt;
+      const std::string digits = "0." + std::string(text.substr(start, pos - start));
+      std::from_chars(digits.data(), digits.data() + digits.size(), fraction);
+    }
+  }
+  int offsetMinutes = 0;
+  if (!literal('Z')) {
+    const bool east = literal('+');
+    if (!east && !literal('-')) return std::nullopt;
+    int offsetHour, offsetMinute;
+    if (!number(2, 0, 23, offsetHour)) return std::nullopt;
+    literal(':');
+    if (!number(2, 0, 59, offsetMinute)) return std::nullopt;
+    offsetMinutes = (east ? 1 : -1) * (offsetHour * 60 + offsetMinute);
+  }
+  if (pos != text.size()) return std::nullopt;
+  seconds += int64_t{hour} * 3600 + int64_t{minute} * 60 + second - int64_t{offsetMinutes} * 60;
+  return Date{static_cast<double>(seconds) + fraction};
+}
+
+// {"$date": text} without "$time": the text is the value.
+bool dateFromJson(const Json& text, PlistValue& out, ErrorOut error) {
+  if (!text.is_string()) return fail(error, "$date is not a string");
+  std::optional<Date> date = dateFromIsoText(text.get_ref<const std::string&>());
+  if (!date) {
+    // The value is quoted as JSON so that control characters cannot break the message's line.
+    std::string quoted = text.dump(-1, ' ', false, Json::error_handler_t::replace);
+    if (quoted.size() > 80) {
+      size_t cut = 76;
+      while (cut > 0 && (static_cast<unsigned char>(quoted[cut]) & 0xC0) == 0x80) --cut;
+      quoted = quoted.substr(0, cut) + "...\"";
+    }
+    return fail(error, fmt::format("$date {} is not an ISO 8601 date such as 2024-05-01 or "
+                                   "2024-05-01T09:30:00Z (a time needs Z or an offset)",
+                                   quoted));
+  }
+  out = PlistValue(*date);
+  return true;
+}
+
 bool parseUuid(const std::string& text, Bytes& out) {
   std::string hex;
   for (char c : text) {
@@ -231,6 +318,7 @@ bool arrayFromJson(const Json& json, PlistValue::Array& out, ErrorOut error, siz
     out = PlistValue(Date{json["$time"].get<double>()});
     return true;
   }
+  if (json.contains("$date")) return dateFromJson(json["$date"], out, error);
   if (json.contains("$data")) {
     if (!json["$data"].is_string()) return fail(error, "$data is not a string");
     const auto& text = json["$data"].get_ref<const std::string&>();

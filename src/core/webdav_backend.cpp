@@ -4,61 +4,80 @@
 
 namespace wdc {
 
-std::optional<std::string> WebDAVConnect::getWebDAVAccountUsername() { return std::nullopt; }
+// Each takes the same arguments as its Dropbox counterpart, so a host written against one backend
+// compiles against the others.
 
-std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::getCurrentWebDAVLockFile() { return nullptr; }
+std::optional<std::string> WebDAVConnect::getWebDAVAccountUsername(ErrorOut) { return std::nullopt; }
 
-std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::lockDirectoryWebDAV(ErrorOut) { return nullptr; }
+std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::getCurrentWebDAVLockFile(ErrorOut) {
+  return nullptr;
+}
 
-bool WebDAVConnect::unlockDirectoryWebDAV(ErrorOut) { return false; }
+std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::lockDirectoryWebDAV(const std::string&,
+                                                                       ErrorOut) {
+  return nullptr;
+}
 
-std::optional<std::string> WebDAVConnect::getHashFromWebDAV(const std::optional<std::string>&) {
+bool WebDAVConnect::unlockDirectoryWebDAV(const std::string&, ErrorOut) { return false; }
+
+std::optional<std::string> WebDAVConnect::getHashFromWebDAV(ErrorOut,
+                                                            const std::optional<std::string>&) {
   return std::nullopt;
 }
 
 std::optional<FileList> WebDAVConnect::getDeltaFileListFromWebDAV(
-    const std::optional<std::string>&, const std::optional<std::string>&,
+    ErrorOut, const std::optional<std::string>&, const std::optional<std::string>&,
     const std::optional<std::string>&, bool) {
   return std::nullopt;
 }
 
 std::optional<FileList> WebDAVConnect::getFileListFromWebDAV(
-    const std::optional<std::string>&, const std::optional<Date>&,
+    ErrorOut, const std::optional<std::string>&, const std::optional<Date>&,
     const std::optional<std::vector<std::string>>&) {
   return std::nullopt;
 }
 
 std::shared_ptr<WebDAVFileContents> WebDAVConnect::getContentsForWebDAVFile(
-    const std::optional<std::string>&, ErrorOut) {
+    const std::shared_ptr<WebDAVFileMetaData>&, const std::optional<std::string>&, ErrorOut) {
   return nullptr;
 }
 
-bool WebDAVConnect::doesWebDAVFolderExist(ErrorOut) { return false; }
+bool WebDAVConnect::doesWebDAVFolderExist(const std::optional<std::string>&, ErrorOut) {
+  return false;
+}
 
-bool WebDAVConnect::createNewWebDAVFolder(ErrorOut) { return false; }
+bool WebDAVConnect::createNewWebDAVFolder(const std::optional<std::string>&, ErrorOut) {
+  return false;
+}
 
-bool WebDAVConnect::deleteWebDAVFolder(ErrorOut) { return false; }
+bool WebDAVConnect::deleteWebDAVFolder(const std::optional<std::string>&, ErrorOut) {
+  return false;
+}
 
-bool WebDAVConnect::uploadArbitraryFileToWebDAV(const std::optional<PlistValue>&,
+bool WebDAVConnect::uploadArbitraryFileToWebDAV(const std::optional<std::string>&,
+                                                const std::optional<PlistValue>&,
                                                 const std::optional<std::string>&, ErrorOut) {
   return false;
 }
 
-bool WebDAVConnect::deleteArbitraryFileFromWebDAV(const std::optional<std::string>&, ErrorOut) {
+bool WebDAVConnect::deleteArbitraryFileFromWebDAV(const std::optional<std::string>&,
+                                                  const std::optional<std::string>&, ErrorOut) {
   return false;
 }
 
 std::optional<PlistValue> WebDAVConnect::downloadArbitraryFileFromWebDAV(
-    const std::optional<std::string>&, ErrorOut) {
+    const std::optional<std::string>&, const std::optional<std::string>&, ErrorOut) {
   return std::nullopt;
 }
 
 std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::uploadFileWithObjectToWebDAV(
-    const std::optional<std::string>&, const std::optional<std::string>&, ErrorOut) {
+    const std::shared_ptr<WebDAVFileContents>&, const std::optional<std::string>&,
+    const std::optional<std::string>&, ErrorOut) {
   return nullptr;
 }
 
-bool WebDAVConnect::deleteFileAtPathFromWebDAV(const std::optional<std::string>&, ErrorOut) {
+bool WebDAVConnect::deleteFileAtPathFromWebDAV(const std::shared_ptr<WebDAVFileMetaData>&,
+                                               const std::optional<std::string>&, ErrorOut) {
   return false;
 }
 

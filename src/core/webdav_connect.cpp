@@ -1,6 +1,7 @@
 // Construction and lifetime of WebDAVConnect.
 #include "webdavconnect/webdav_connect.h"
 
+#include "dbx/metadata.h"
 #include "webdavconnect/zip_snapshot.h"
 
 namespace wdc {
@@ -15,10 +16,15 @@ std::shared_ptr<WebDAVConnect> WebDAVConnect::initWithConnectionType(
   return std::make_shared<WebDAVConnect>(type, login, andPassword);
 }
 
-WebDAVConnect::~WebDAVConnect() = default;
+WebDAVConnect::~WebDAVConnect() {
+  // The cached folder metadata goes before the rest of the connection's state.
+  metaDropboxFolder_.reset();
+}
 
 void WebDAVConnect::removeAllResources() {
   WebDAVDropboxZipSnapshot::sharedSnapshot().reset();
+  arrDropboxFilePathsForDirectory_.reset();
+  arrSearchMetaDatas_.reset();
 }
 
 }  // namespace wdc

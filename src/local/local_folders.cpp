@@ -45,35 +45,45 @@ bool WebDAVConnect::deleteLocalFolder(const std::optional<std::string>& folder, 
 
 // ---- Not supported by the local folder: empty results, nothing written --------------------
 
-std::optional<std::string> WebDAVConnect::getLocalAccountUsername() { return std::nullopt; }
+// Each takes the same arguments as its Dropbox counterpart, so a host switches backends without
+// rewriting its calls.
 
-std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::getCurrentLocalLockFile() { return nullptr; }
+std::optional<std::string> WebDAVConnect::getLocalAccountUsername(ErrorOut) { return std::nullopt; }
 
-std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::lockDirectoryLocal(ErrorOut) { return nullptr; }
+std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::getCurrentLocalLockFile(ErrorOut) {
+  return nullptr;
+}
 
-bool WebDAVConnect::unlockDirectoryLocal(ErrorOut) { return false; }
+std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::lockDirectoryLocal(const std::string&, ErrorOut) {
+  return nullptr;
+}
 
-std::optional<std::string> WebDAVConnect::getHashFromLocal(const std::optional<std::string>&) {
+bool WebDAVConnect::unlockDirectoryLocal(const std::string&, ErrorOut) { return false; }
+
+std::optional<std::string> WebDAVConnect::getHashFromLocal(ErrorOut,
+                                                           const std::optional<std::string>&) {
   return std::nullopt;
 }
 
 std::optional<FileList> WebDAVConnect::getDeltaFileListFromLocal(
-    const std::optional<std::string>&, const std::optional<std::string>&,
+    ErrorOut, const std::optional<std::string>&, const std::optional<std::string>&,
     const std::optional<std::string>&, bool) {
   return std::nullopt;
 }
 
-bool WebDAVConnect::uploadArbitraryFileToLocal(const std::optional<PlistValue>&,
+bool WebDAVConnect::uploadArbitraryFileToLocal(const std::optional<std::string>&,
+                                               const std::optional<PlistValue>&,
                                                const std::optional<std::string>&, ErrorOut) {
   return false;
 }
 
 std::optional<PlistValue> WebDAVConnect::downloadArbitraryFileFromLocal(
-    const std::optional<std::string>&, ErrorOut) {
+    const std::optional<std::string>&, const std::optional<std::string>&, ErrorOut) {
   return std::nullopt;
 }
 
-bool WebDAVConnect::deleteArbitraryFileFromLocal(const std::optional<std::string>&, ErrorOut) {
+bool WebDAVConnect::deleteArbitraryFileFromLocal(const std::optional<std::string>&,
+                                                 const std::optional<std::string>&, ErrorOut) {
   return false;
 }
 

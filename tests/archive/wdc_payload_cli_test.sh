@@ -18,6 +18,11 @@ a["Due"]["$date"] = b["Due"]["$date"]  # the input's text is ignored; $time is t
 assert json.dumps(a, sort_keys=True) == json.dumps(b, sort_keys=True), (a, b)
 PY
 
+# A date typed as ISO 8601 text alone is read as that instant.
+echo '{"When": {"$date": "2023-03-08T21:26:40.5+01:00"}}' > "$scratch/typed.json"
+"$wdc" payload encode "$scratch/typed.json" "$scratch/typed.tod" || fail "typed date: encode exited $?"
+"$wdc" payload decode "$scratch/typed.tod" | grep -q '"\$time": 700000000.5' || fail "typed date: wrong instant"
+
 check_refused() {  # args: description, command...
   local what=$1; shift
   "$@" > /dev/null 2> "$scratch/err"
@@ -32,4 +37,7 @@ check_refused "junk bytes" "$wdc" payload decode "$scratch/junk"
 check_refused "truncated gzip" "$wdc" payload decode "$scratch/truncated"
 check_refused "missing file" "$wdc" payload decode "$scratch/does-not-exist"
 check_refused "bad JSON form" "$wdc" payload encode "$scratch/bad.json" "$scratch/out"
+echo '{"When": {"$date": "2023-02-30"}}' > "$scratch/bad-date.json"
+check_refused "bad date" "$wdc" payload encode "$scratch/bad-date.json" "$scratch/out"
+grep -q '2023-02-30' "$scratch/err" || fail "bad date: message does not name the value: $(cat "$scratch/err")"
 echo "ok"

@@ -246,15 +246,15 @@ TEST_F(LocalBackendTest, DeleteLocalFolderRemovesThePathAsGiven) {
 
 TEST_F(LocalBackendTest, UnsupportedOperationsAreEmpty) {
   std::optional<Error> error;
-  EXPECT_FALSE(connection_.getLocalAccountUsername());
-  EXPECT_EQ(connection_.getCurrentLocalLockFile(), nullptr);
-  EXPECT_EQ(connection_.lockDirectoryLocal(&error), nullptr);
-  EXPECT_FALSE(connection_.unlockDirectoryLocal(&error));
-  EXPECT_FALSE(connection_.getHashFromLocal("F"));
-  EXPECT_FALSE(connection_.getDeltaFileListFromLocal("F", "c", "tod", true));
-  EXPECT_FALSE(connection_.uploadArbitraryFileToLocal(PlistValue(1), "F", &error));
-  EXPECT_FALSE(connection_.downloadArbitraryFileFromLocal("F", &error));
-  EXPECT_FALSE(connection_.deleteArbitraryFileFromLocal("F", &error));
+  EXPECT_FALSE(connection_.getLocalAccountUsername(&error));
+  EXPECT_EQ(connection_.getCurrentLocalLockFile(&error), nullptr);
+  EXPECT_EQ(connection_.lockDirectoryLocal("owner", &error), nullptr);
+  EXPECT_FALSE(connection_.unlockDirectoryLocal("owner_1.000000", &error));
+  EXPECT_FALSE(connection_.getHashFromLocal(&error, "F"));
+  EXPECT_FALSE(connection_.getDeltaFileListFromLocal(&error, "F", "c", "tod", true));
+  EXPECT_FALSE(connection_.uploadArbitraryFileToLocal("n", PlistValue(1), "F", &error));
+  EXPECT_FALSE(connection_.downloadArbitraryFileFromLocal("n", "F", &error));
+  EXPECT_FALSE(connection_.deleteArbitraryFileFromLocal("n", "F", &error));
   EXPECT_FALSE(error.has_value());
 }
 

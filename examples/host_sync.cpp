@@ -1,0 +1,82 @@
+// A host's sync against a Dropbox API v2 server, through the public headers only.
+//
+//   host_sync API_URL CA_FILE ACCESS_TOKEN
+//
+// API_URL serves both the API and the content routes (as `wdc emulator` does); CA_FILE is the
+// server certificate to trust; ACCESS_TOKEN is what the host's own OAuth flow obtained. The
+// token is kept in a scratch token store, so the user's linked account is left alone.
+// scripts/check-package.sh builds this against the installed package and runs it against
+// `wdc emulator`.
+#include <stdlib.h>
+
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <webdavconnect/dropbox_client_config.h>
+#include <webdavconnect/operation_queue.h>
+#include <webdavconnect/webdav_connect.h>
+
+namespace {
+
+// Says which step failed and why; the sync stops there.
+int failed(const char* step, const std::optional<wdc::Error>& error) {
+  std::cerr << "host_sync: " << step << " failed: "
+            << (error ? error->description() : std::string("no error given")) << "\n";
+  return 1;
+}
+
+// The sync itself: every call blocks this thread, and answers arrive on `queueToUse`.
+int sync(wdc::WebDAVConnect& connection) {
+  std::optional<wdc::Error> error;
+
+  std::optional<std::string> account = connection.getAccountUsername(&error);
+  if (!account) return failed("account name", error);
+  std::cout << "account: " << *account << "\n";
+
+  std::cout << "sync done\n";
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 4) {
+    std::cerr << "usage: host_sync API_URL CA_FILE ACCESS_TOKEN\n";
+    return 2;
+  }
+  std::string scratchTemplate = (std::filesystem::temp_directory_path() / "host_sync-XXXXXX");
+  if (mkdtemp(scratchTemplate.data()) == nullptr) {
+    std::cerr << "host_sync: cannot create a scratch directory\n";
+    return 1;
+  }
+  const std::filesystem::path scratch = scratchTemplate;
+
+  // Once per process, before the first Dropbox operation: where the server is, what to trust,
+  // where the account's tokens live; then link the account the host's OAuth flow gave it.
+  wdc::DropboxClientConfig config;
+  config.apiBaseUrl = argv[1];
+  config.contentBaseUrl = argv[1];
+  config.caFile = argv[2];
+  config.tokenStorePath = scratch / "tokens.json";
+  std::optional<wdc::Error> error;
+  int status = 0;
+  if (!wdc::setUpDropboxClient(config, &error)) {
+    status = failed("client set-up", error);
+  } else if (wdc::DropboxAccountToken token{argv[3], {}, {}};
+             !wdc::linkDropboxAccount(token, &error)) {
+    status = failed("account link", error);
+  } else {
+    // One connection per sync: type 3 selects Dropbox; its answers arrive on its own queue.
+    auto connection = wdc::WebDAVConnect::initWithConnectionType(wdc::kConnectionTypeDropbox,
+                                                                 std::nullopt, std::nullopt);
+    connection->queueToUse = std::make_shared<wdc::SerialQueue>("host_sync.dropbox.answers");
+    status = sync(*connection);
+    connection->removeAllResources();
+    wdc::unlinkDropboxAccount();
+  }
+  std::filesystem::remove_all(scratch);
+  return status;
+}

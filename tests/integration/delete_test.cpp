@@ -1,0 +1,226 @@
+// Deletes against the emulator: single files, polled batches with the per-entry rules, failed
+// and at-once jobs, deletes by search pattern, and the public operations' retries.
+#include <gmock/gmock.h>
+
+#include "lock_fixture.h"
+#include "support/test_util.h"
+
+namespace wdc::testing_support {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::StartsWith;
+
+constexpr const char* kBatch = "files/delete_batch";
+constexpr const char* kCheck = "files/delete_batch/check";
+
+class Deletes : public LockAndDeleteTest {
+ protected:
+  static std::shared_ptr<WebDAVFileMetaData> record(std::optional<std::string> filePath) {
+    auto file = std::make_shared<WebDAVFileMetaData>();
+    file->FilePath = std::move(filePath);
+    return file;
+  }
+  std::shared_ptr<WebDAVConnect> connection_ = newConnection();
+};
+
+TEST_F(Deletes, ASingleDeleteIsTrueOnlyForAFileThatWasThere) {
+  put("/Tasks/a.tod");
+  put("/Tasks/b.tod");
+  std::optional<Error> error;
+  EXPECT_TRUE(connection_->deleteArbitraryFile("a.tod", "Tasks", &error));
+  EXPECT_FALSE(exists("/Tasks/a.tod"));
+  EXPECT_FALSE(connection_->deleteArbitraryFile("a.tod", "Tasks", &error));
+  EXPECT_NO_WDC_ERROR(error);
+  EXPECT_TRUE(connection_->deleteFileAtPathFromDropbox(record("B.TOD"), "/tasks", &error));
+  EXPECT_FALSE(exists("/Tasks/b.tod"));
+  EXPECT_NO_WDC_ERROR(error);
+  EXPECT_TRUE(env_.sleeps().empty());
+}
+
+TEST_F(Deletes, ARecordWithoutAFileNameNeverDeletesItsFolder) {
+  put("/Tasks/a.tod");
+  EXPECT_FALSE(connection_->deleteFileAtPathFromDropbox(record(std::nullopt), "Tasks", nullptr));
+  EXPECT_FALSE(connection_->deleteFilesAtPathFromDropbox({record(""), record(std::nullopt)},
+                                                         "Tasks"));
+  EXPECT_TRUE(exists("/Tasks/a.tod"));
+}
+
+TEST_F(Deletes, ABatchRemovesWhatItNamesAndIgnoresWhatIsAlreadyGone) {
+  emulator_->setBatchCheckPolls(3);
+  put("/Tasks/a.tod");
+  put("/Tasks/b.tod");
+  put("/Tasks/keep.tod");
+  std::optional<Error> error;
+  EXPECT_TRUE(connection_->deleteArbitraryFiles({"Tasks/a.tod", "/Tasks/missing.tod", "/tasks/B.tod"},
+                                                &error));
+  EXPECT_NO_WDC_ERROR(error);
+  EXPECT_THAT(emulator_->listPaths(), ElementsAre("/Tasks", "/Tasks/keep.tod"));
+  EXPECT_EQ(emulator_->requestCount(kBatch), 1u);
+  // Polled back to back: three "in progress" answers, then complete, without a pause.
+  EXPECT_EQ(emulator_->requestCount(kCheck), 4u);
+  EXPECT_TRUE(env_.sleeps().empty());
+}
+
+TEST_F(Deletes, ABatchOfMissingFilesOrOfNothingCompletesWithoutError) {
+  EXPECT_FALSE(connection_->deleteFilesAtPathsFromDropbox({"/gone/1", "/gone/2"}));
+  EXPECT_FALSE(connection_->deleteFilesAtPathsFromDropbox({}));
+  EXPECT_EQ(emulator_->requestCount(kBatch), 2u);
+  EXPECT_EQ(emulator_->requestCount(kCheck), 4u);
+}
+
+TEST_F(Deletes, RecordsAreJoinedToTheFolderOrTakenBareWithoutOne) {
+  put("/Tasks/a.tod");
+  put("/b.tod");
+  EXPECT_FALSE(connection_->deleteFilesAtPathFromDropbox({record("a.tod")}, "Tasks"));
+  EXPECT_FALSE(connection_->deleteFilesAtPathFromDropbox({record("b.tod")}, std::nullopt));
+  EXPECT_THAT(emulator_->listPaths(), ElementsAre("/Tasks"));
+}
+
+TEST_F(Deletes, TooManyFilesIs406AndStopsTheWalk) {
+  put("/x/a");
+  put("/x/b");
+  failNext("files/delete_batch/entry", emu::FaultKind::kTooManyFiles, 1);
+  std::optional<Error> error;
+  EXPECT_FALSE(connection_->deleteArbitraryFiles({"/x/a", "/x/b"}, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), "Dropbox");
+  EXPECT_EQ(error->code(), 406);
+  EXPECT_EQ(error->localizedDescription(), "too_many_files");
+  EXPECT_EQ(emulator_->requestCount(kBatch), 1u);  // not retried
+}
+
+TEST_F(Deletes, TooManyWriteOperationsInAnEntryIs400) {
+  put("/x/a");
+  failNext("files/delete_batch/entry", emu::FaultKind::kTooManyWriteOperations, 1);
+  auto failure = connection_->deleteFilesAtPathsFromDropbox({"/x/a"});
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->code(), 400);
+  EXPECT_EQ(failure->localizedDescription(), "too_many_write_operations");
+  EXPECT_TRUE(exists("/x/a"));
+}
+
+TEST_F(Deletes, AFailedJobIs400AndDeletesNothing) {
+  put("/x/a");
+  failNext("files/delete_batch/job", emu::FaultKind::kTooManyWriteOperations, 1);
+  log::CaptureLog log;
+  auto failure = connection_->deleteFilesAtPathsFromDropbox({"/x/a"});
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->domain(), "Dropbox");
+  EXPECT_EQ(failure->code(), 400);
+  EXPECT_EQ(failure->localizedDescription(), "too_many_write_operations");
+  EXPECT_TRUE(exists("/x/a"));
+  EXPECT_THAT(log.messages(log::Level::kError),
+              Contains(StartsWith("[DROPBOX] ERROR ----> Batch deletion failed: ")));
+}
+
+TEST_F(Deletes, ALaunchTheServerCompletesAtOnceIsReportedAsNotDeleted) {
+  restartEmulatorWith({.deleteBatchCompletesAtOnce = true});
+  put("/x/a");
+  log::CaptureLog log;
+  auto failure = connection_->deleteFilesAtPathsFromDropbox({"/x/a"});
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->code(), 400);
+  EXPECT_EQ(failure->localizedDescription(), "Could not delete files in Dropbox");
+  EXPECT_EQ(emulator_->requestCount(kCheck), 0u);
+  EXPECT_THAT(log.messages(log::Level::kWarning), ElementsAre("[DROPBOX] Did NOT get async job id"));
+}
+
+TEST_F(Deletes, RateLimitsAndServerErrorsWhilePollingGoThroughTheRetry) {
+  put("/x/a");
+  failNext(kCheck, emu::FaultKind::kTooManyRequests, 1, 3);
+  failNext(kCheck, emu::FaultKind::kUnavailable, 1);
+  log::CaptureLog log;
+  std::optional<Error> error;
+  EXPECT_TRUE(connection_->deleteArbitraryFiles({"/x/a"}, &error));
+  EXPECT_NO_WDC_ERROR(error);
+  EXPECT_FALSE(exists("/x/a"));
+  // Each failed poll relaunches the whole batch.
+  EXPECT_EQ(emulator_->requestCount(kBatch), 3u);
+  // The batch keeps no Retry-After: the schedule alone sets the wait.
+  EXPECT_THAT(sleptSeconds(), ElementsAre(2.0, 0.5));
+  EXPECT_THAT(log.messages(log::Level::kWarning),
+              ElementsAre("[DROPBOX] Rate limited, will retry deleteFiles in 2.0s [attempt 1]"));
+  EXPECT_THAT(log.messages(log::Level::kError),
+              Contains(StartsWith("[DROPBOX] Batch Delete ERROR: Error Domain=Dropbox Code=503")));
+  EXPECT_THAT(log.messages(log::Level::kDebug),
+              Contains(StartsWith("[DROPBOX] ERROR, WILL RETRY deleteFile: ")));
+}
+
+TEST_F(Deletes, AFailedLaunchIsReportedAsNotDeletedAndNotRetried) {
+  // Whatever stopped the launch, the batch reports that it could not delete: a throttled or
+  // failed launch is not retried in place (the host tries again with its next sync).
+  failNext(kBatch, emu::FaultKind::kTooManyRequests, 1, 3);
+  log::CaptureLog log;
+  std::optional<Error> error;
+  EXPECT_FALSE(connection_->deleteArbitraryFiles({"/x/a"}, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), 400);
+  EXPECT_EQ(error->localizedDescription(), "Could not delete files in Dropbox");
+  EXPECT_EQ(emulator_->requestCount(kBatch), 1u);
+  EXPECT_TRUE(env_.sleeps().empty());
+  EXPECT_THAT(log.messages(log::Level::kError),
+              Contains(StartsWith("[DROPBOX] Got batch delete request error: Error Domain=Dropbox "
+                                  "Code=429")));
+}
+
+TEST_F(Deletes, WithoutAnErrorOutParameterABatchGetsOneAttempt) {
+  failNext(kCheck, emu::FaultKind::kInternalError, 1);  // retryable with an out-parameter
+  EXPECT_FALSE(connection_->deleteArbitraryFiles({"/x/a"}));
+  EXPECT_EQ(emulator_->requestCount(kBatch), 1u);
+  EXPECT_TRUE(env_.sleeps().empty());
+}
+
+TEST_F(Deletes, ATransportFailureWhilePollingKeepsItsDomainWithCodeZero) {
+  failNext(kCheck, emu::FaultKind::kTruncate, 1);
+  auto failure = connection_->deleteFilesAtPathsFromDropbox({"/x/a"});
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->domain(), kURLErrorDomain);
+  EXPECT_EQ(failure->code(), 0);
+  EXPECT_TRUE(failure->userInfo().find(kErrorContentKey));
+}
+
+TEST_F(Deletes, APatternDeleteRemovesEveryMatchUnderTheFolderAndNothingElse) {
+  put("/Tasks/o_1.tod");
+  put("/Tasks/Sub/o_2.tod");
+  put("/Tasks/keep.txt");
+  put("/Other/o_3.tod");
+  put("/TasksArchive/o_4.tod");
+  std::optional<Error> error;
+  EXPECT_TRUE(connection_->deleteFilesThatMatch("tod", "Tasks", &error));
+  EXPECT_NO_WDC_ERROR(error);
+  EXPECT_THAT(emulator_->listPaths(),
+              ElementsAre("/Other", "/Other/o_3.tod", "/Tasks", "/Tasks/keep.txt", "/Tasks/Sub",
+                          "/TasksArchive", "/TasksArchive/o_4.tod"));
+}
+
+TEST_F(Deletes, APatternDeleteWhoseSearchFailsDeletesNothing) {
+  put("/Tasks/o_1.tod");
+  failNext("files/search_v2", emu::FaultKind::kInternalError, 1);
+  std::optional<Error> error;
+  EXPECT_FALSE(connection_->deleteFilesThatMatchInDropbox("Tasks", "tod", &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), 500);
+  EXPECT_EQ(emulator_->requestCount(kBatch), 0u);
+  EXPECT_TRUE(exists("/Tasks/o_1.tod"));
+}
+
+TEST_F(Deletes, APatternDeleteReportsAndRetriesAFailedBatch) {
+  put("/Tasks/o_1.tod");
+  failNext(kCheck, emu::FaultKind::kInternalError, 1);
+  log::CaptureLog log;
+  std::optional<Error> error;
+  EXPECT_TRUE(connection_->deleteFilesThatMatch("tod", "Tasks", &error));
+  EXPECT_NO_WDC_ERROR(error);
+  EXPECT_FALSE(exists("/Tasks/o_1.tod"));
+  EXPECT_THAT(sleptSeconds(), ElementsAre(0.5));
+  EXPECT_THAT(log.messages(log::Level::kError),
+              Contains(StartsWith("[DROPBOX] delete files ERROR: ")));
+  EXPECT_THAT(log.messages(log::Level::kDebug),
+              Contains(StartsWith("[DROPBOX] ERROR, WILL RETRY deleteFilesMatching: ")));
+}
+
+}  // namespace
+}  // namespace wdc::testing_support
