@@ -8,6 +8,9 @@
 // scripts/check-package.sh builds this against the installed package and runs it against
 // `wdc emulator`.
 #include <stdlib.h>
+#include <webdavconnect/dropbox_client_config.h>
+#include <webdavconnect/operation_queue.h>
+#include <webdavconnect/webdav_connect.h>
 
 #include <filesystem>
 #include <iostream>
@@ -15,17 +18,23 @@
 #include <optional>
 #include <string>
 
-#include <webdavconnect/dropbox_client_config.h>
-#include <webdavconnect/operation_queue.h>
-#include <webdavconnect/webdav_connect.h>
-
 namespace {
+
+// Who holds the lock while this program syncs (a host uses its device identifier).
+constexpr const char* kOwner = "host-sync-example";
 
 // Says which step failed and why; the sync stops there.
 int failed(const char* step, const std::optional<wdc::Error>& error) {
-  std::cerr << "host_sync: " << step << " failed: "
-            << (error ? error->description() : std::string("no error given")) << "\n";
+  std::cerr << "host_sync: " << step
+            << " failed: " << (error ? error->description() : std::string("no error given"))
+            << "\n";
   return 1;
+}
+
+// What runs while this device holds the lock.
+int syncWhileLocked(wdc::WebDAVConnect& connection) {
+  (void)connection;
+  return 0;
 }
 
 // The sync itself: every call blocks this thread, and answers arrive on `queueToUse`.
@@ -36,8 +45,26 @@ int sync(wdc::WebDAVConnect& connection) {
   if (!account) return failed("account name", error);
   std::cout << "account: " << *account << "\n";
 
-  std::cout << "sync done\n";
-  return 0;
+  // Another device's lock means it is syncing now: a host tries again later.
+  std::shared_ptr<wdc::WebDAVFileMetaData> current = connection.getCurrentLockFile(&error);
+  if (error) return failed("current lock", error);
+  if (current) {
+    std::cout << "locked by " << current->UID.value_or("?") << " ("
+              << current->FilePath.value_or("?") << "); try again later\n";
+    return 1;
+  }
+  std::shared_ptr<wdc::WebDAVFileMetaData> lock = connection.lockDirectory(kOwner, &error);
+  if (!lock) return failed("lock", error);
+  std::cout << "locked: " << lock->FilePath.value_or("") << "\n";
+
+  const int status = syncWhileLocked(connection);
+  // The lock goes whatever happened in between, or other devices wait for it in vain.
+  if (!connection.unlockDirectory(lock->FilePath.value_or(""), &error)) {
+    return failed("unlock", error);
+  }
+  std::cout << "unlocked\n";
+  if (status == 0) std::cout << "sync done\n";
+  return status;
 }
 
 }  // namespace
@@ -53,6 +80,9 @@ int main(int argc, char** argv) {
     return 1;
   }
   const std::filesystem::path scratch = scratchTemplate;
+  // The library writes the lock file into the temporary directory and uploads it by its bare
+  // name, so a host runs with that directory as its current one.
+  std::filesystem::current_path(std::filesystem::temp_directory_path());
 
   // Once per process, before the first Dropbox operation: where the server is, what to trust,
   // where the account's tokens live; then link the account the host's OAuth flow gave it.

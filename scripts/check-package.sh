@@ -75,6 +75,9 @@ timeout 60 "$work/example/host_sync" "$url" "$work/emulator.pem" "$token" > "$wo
   fail "host_sync exited $?: $(tail -20 "$work/sync.out")"
 grep -q '^sync done$' "$work/sync.out" || fail "host_sync did not finish: $(cat "$work/sync.out")"
 sed 's/^/  /' "$work/sync.out"
+# A second sync finds no lock: the first one let go of it.
+timeout 60 "$work/example/host_sync" "$url" "$work/emulator.pem" "$token" > "$work/sync2.out" 2>&1 ||
+  fail "second host_sync exited $?: $(tail -20 "$work/sync2.out")"
 # A wrong token is refused, and the example says so in one line.
 if timeout 60 "$work/example/host_sync" "$url" "$work/emulator.pem" wrong-token > "$work/bad.out" 2>&1; then
   fail "host_sync succeeded with a wrong token"

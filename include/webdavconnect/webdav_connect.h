@@ -141,6 +141,47 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
 
   // -- Write path: uploads and the retrying batch (src/core/public_write_operations.cpp)
 
+  // Called once when a batch upload is over: the result of every item that went up in any pass
+  // (each carrying its item, and on failure its error), and the error of the last pass or absent
+  // when everything went up. Runs on the batch's `usingQueue` (the main queue when null).
+  using BatchUploadCompletion =
+      std::function<void(const std::vector<std::shared_ptr<WebDAVBatchUploadResult>>& results,
+                         const std::optional<Error>& error)>;
+
+  // Stores one record (gzip of a keyed archive of its payload under "data") in `toFolder`, named
+  // "o_" OP "_k_" container "_p_" parent "_i_" UID "_d_." EXT with the identifiers lower-cased.
+  // Returns the new metadata (FileRev = the store's rev), which also replaces the object's
+  // FileMetaData; null and `error` on failure. Retries like every blocking operation.
+  std::shared_ptr<WebDAVFileMetaData> uploadFileWithObject(
+      const std::shared_ptr<WebDAVFileContents>& object, const std::optional<std::string>& toFolder,
+      ErrorOut error = nullptr);
+  // Stores `withData` (any payload value, archived under "data" and gzipped) as `name` in
+  // `toFolder`. False at once, `error` untouched, when `withData` is absent.
+  bool uploadArbitraryFile(const std::string& name, const std::optional<PlistValue>& withData,
+                           const std::optional<std::string>& toFolder, ErrorOut error = nullptr);
+  // Uploads `objects` as one batch and retries what is left: each pass sends only the items that
+  // have not gone up yet, at most `withRetryLimit` passes, a rate-limited pass waiting out the
+  // back-off (which also opens the shared cooldown) on the shared retry queue. Waits out the
+  // shared cooldown first, so it may block the caller; the passes themselves run later.
+  // Errors of the completion: the last pass's error; "Kavo" 500 "Failed to upload" when items
+  // are still left after the last pass; "KavoWebDAV" 500 "Dropbox connection reset before upload
+  // could finish." when this connection was released while a retry was pending (a pending retry
+  // holds it weakly). REQUIRES: the connection is owned by a std::shared_ptr.
+  void uploadFileWithObjects(const std::vector<std::shared_ptr<WebDAVFileContents>>& objects,
+                             int64_t withRetryLimit, const std::optional<std::string>& toFolder,
+                             std::shared_ptr<OperationQueue> usingQueue,
+                             BatchUploadCompletion andCompletion);
+  // One pass of the above, without the cooldown wait: `previouslyUploadedContents` are the
+  // results earlier passes already got (handed on to the completion first), and
+  // `rateLimitAttemptsUsed` the rate-limited passes so far. Returns at once.
+  void uploadFileWithObjects(
+      const std::vector<std::shared_ptr<WebDAVFileContents>>& objects,
+      const std::optional<std::vector<std::shared_ptr<WebDAVBatchUploadResult>>>&
+          previouslyUploadedContents,
+      int64_t withRetryLimit, const std::optional<std::string>& toFolder,
+      std::shared_ptr<OperationQueue> usingQueue, int64_t rateLimitAttemptsUsed,
+      BatchUploadCompletion andCompletion);
+
   // ---- Rate-limit and retry policy (src/core/rate_limit_policy.cpp) --------------------------
   // Process-wide: shared by every connection, created on first use, thread-safe.
 
@@ -320,6 +361,31 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
       ErrorOut error = nullptr);
 
   // -- Uploads (src/dropbox/upload*.cpp)
+  // Each object is archived and gzipped into a scratch file in the Env's temporary directory
+  // (created afresh, never through a link found there) and uploaded from it with mode overwrite,
+  // muted, never renamed. A single upload deletes its scratch file once stored; a batch keeps
+  // its scratch files.
+
+  // files/upload of one record; see uploadFileWithObject. No retry.
+  std::shared_ptr<WebDAVFileMetaData> uploadFileWithObjectToDropbox(
+      const std::shared_ptr<WebDAVFileContents>& object, const std::optional<std::string>& toFolder,
+      ErrorOut error = nullptr);
+  // files/upload of an arbitrary object; see uploadArbitraryFile. No retry.
+  bool uploadArbitraryFileToDropbox(const std::string& name,
+                                    const std::optional<PlistValue>& withData,
+                                    const std::optional<std::string>& toFolder,
+                                    ErrorOut error = nullptr);
+  // One batch through the client's batch facility; returns at once. The completion (when given)
+  // gets one result per file the answer reports: success (the object's FileMetaData replaced by
+  // the new metadata with the store's rev), a failed commit ("Dropbox" 400 with the failure's
+  // tag, or the mapped request error), or a file that never reached a commit (its mapped request
+  // error; such a file may be reported twice). The error: the mapped finish_batch request error,
+  // or "Dropbox" 500 with the failure text, or absent. Without a linked account every item fails
+  // with "Dropbox" 401. No retry.
+  void uploadFileWithObjects(const std::vector<std::shared_ptr<WebDAVFileContents>>& objects,
+                             const std::optional<std::string>& toFolder,
+                             std::shared_ptr<OperationQueue> usingQueue,
+                             BatchUploadCompletion andCompletion);
 
   // Records the outcome of one answer: success without a request error, otherwise the mapped
   // error (a 429 also opens the shared cooldown, at least 2 s).
@@ -457,6 +523,8 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   void recordDropboxDownloadOutcome(std::optional<Error> failure);
 
   // -- Fields of the write path (uploads)
+  // The metadata the last single record upload made (its FileRev set once the store answered).
+  std::shared_ptr<WebDAVFileMetaData> metaDataOfLastUploadedFile_;
 };
 
 }  // namespace wdc

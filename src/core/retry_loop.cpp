@@ -3,7 +3,8 @@
 #include <fmt/format.h>
 
 #include <atomic>
-#include <thread>
+#include <condition_variable>
+#include <mutex>
 
 #include "platform/env.h"
 #include "platform/logger.h"
@@ -13,6 +14,25 @@ namespace {
 constexpr int64_t kMaxRetries = 9;  // ten attempts in all
 constexpr double kPlainRetryDelaySeconds = 0.5;
 constexpr int64_t kRateLimitCode = 429;
+// How often a caller blocked on another connection type looks at the type again.
+constexpr std::chrono::milliseconds kConnectionTypePollInterval{20};
+
+uint64_t currentConnectionType(WebDAVConnect& connection) {
+  // Read through atomic_ref since the host may set the property from another thread while we
+  // poll.
+  return std::atomic_ref<uint64_t>(connection.connectionType).load(std::memory_order_relaxed);
+}
+
+// A short pause through the Env: nobody signals a change of the type, so this is a timed wait
+// that costs no CPU (and no real time beyond a brief grace under a virtual Env).
+void pauseBeforeLookingAgain(WebDAVConnect& connection) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::unique_lock lock(mutex);
+  Env::current().waitFor(changed, lock, kConnectionTypePollInterval, [&connection] {
+    return currentConnectionType(connection) == kConnectionTypeDropbox;
+  });
+}
 }  // namespace
 
 std::string describeError(const Error& error) { return error.description(); }
@@ -25,11 +45,9 @@ void WebDAVConnect::clearAsyncCallState() {
 void WebDAVConnect::waitUntilDropboxIsSelected() {
   waitForDropboxCooldown();
   // Only the Dropbox backend serves the public operations: any other type keeps the caller
-  // polling until the host switches it. Read through atomic_ref since the host may set the
-  // property from another thread while we poll.
-  while (std::atomic_ref<uint64_t>(connectionType).load(std::memory_order_relaxed) !=
-         kConnectionTypeDropbox) {
-    std::this_thread::yield();
+  // polling until the host switches it.
+  while (currentConnectionType(*this) != kConnectionTypeDropbox) {
+    pauseBeforeLookingAgain(*this);
     waitForDropboxCooldown();
   }
 }

@@ -23,8 +23,10 @@ bool setUpDropboxClient(const DropboxClientConfig& config, ErrorOut error) {
 
 bool linkDropboxAccount(const DropboxAccountToken& token, ErrorOut error) {
   return dbx::DBClientsManager::authorizeWithToken(
-      dbx::DBOAuth2Token{.uid = {}, .accessToken = token.accessToken,
-                         .refreshToken = token.refreshToken, .expiresAt = token.expiresAt},
+      dbx::DBOAuth2Token{.uid = {},
+                         .accessToken = token.accessToken,
+                         .refreshToken = token.refreshToken,
+                         .expiresAt = token.expiresAt},
       error);
 }
 

@@ -42,6 +42,10 @@ std::string baseName(const char* path) {
   return std::string(slash == std::string_view::npos ? view : view.substr(slash + 1));
 }
 
+// The delivery of the message being written on this thread: sinks see only spdlog's message, and
+// emit() runs on the caller's thread (sync) or the log thread (async).
+thread_local Delivery currentDelivery = Delivery::kSync;
+
 class CaptureSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
   std::vector<CaptureLog::Entry> snapshot() {
@@ -57,7 +61,8 @@ class CaptureSink final : public spdlog::sinks::base_sink<std::mutex> {
   void sink_it_(const spdlog::details::log_msg& msg) override {
     entries_.push_back({fromSpdlog(msg.level), std::string(msg.payload.begin(), msg.payload.end()),
                         baseName(msg.source.filename),
-                        msg.source.funcname ? msg.source.funcname : "", msg.source.line});
+                        msg.source.funcname ? msg.source.funcname : "", msg.source.line,
+                        currentDelivery});
   }
   void flush_() override {}
 
@@ -90,7 +95,9 @@ SerialQueue& asyncQueue() {
   return *queue;
 }
 
-void emit(Level level, const std::string& message, const SourceLocation& where) {
+void emit(Level level, const std::string& message, const SourceLocation& where,
+          Delivery delivery) {
+  currentDelivery = delivery;
   auto& s = state();
   std::lock_guard<std::mutex> lock(s.sinksMutex);
   s.logger->log(spdlog::source_loc{where.file_name(), static_cast<int>(where.line()),
@@ -113,11 +120,11 @@ void write(Level level, std::string_view message, Delivery delivery,
            const SourceLocation& where) {
   if (static_cast<int>(level) > static_cast<int>(state().level.load())) return;
   if (delivery == Delivery::kSync) {
-    emit(level, std::string(message), where);
+    emit(level, std::string(message), where, Delivery::kSync);
     return;
   }
   asyncQueue().addOperation(
-      [level, text = std::string(message), where] { emit(level, text, where); });
+      [level, text = std::string(message), where] { emit(level, text, where, Delivery::kAsync); });
 }
 
 void setLevel(Level level) { state().level.store(level); }

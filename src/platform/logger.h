@@ -76,6 +76,8 @@ class CaptureLog {
     std::string file;  // base name of the source file
     std::string function;
     int line;
+    // How the message was handed over: written before the call returned, or by the log thread.
+    Delivery delivery = Delivery::kSync;
     bool operator==(const Entry&) const = default;
   };
 

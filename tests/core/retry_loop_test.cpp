@@ -10,6 +10,7 @@
 #include <deque>
 #include <thread>
 
+#include "dbx/request_error.h"
 #include "platform/logger.h"
 #include "platform/virtual_env.h"
 
@@ -53,7 +54,8 @@ class RetryLoop : public testing::Test {
   ScopedEnv use_{env_};
   std::shared_ptr<WebDAVConnect> connection_ =
       WebDAVConnect::initWithConnectionType(kConnectionTypeDropbox, "user", "secret");
-  int attempts_ = 0;
+  // Read by the test thread while a caller thread may still be attempting.
+  std::atomic<int> attempts_{0};
 };
 
 TEST_F(RetryLoop, SuccessAtOnceLeavesTheErrorUntouched) {
@@ -177,6 +179,145 @@ TEST_F(RetryLoop, OtherConnectionTypesKeepTheCallerPollingUntilDropboxIsSelected
   caller.join();
   EXPECT_TRUE(done);
   EXPECT_EQ(attempts_, 1);
+}
+
+TEST_F(RetryLoop, PollingForTheConnectionTypeWaitsThroughTheEnvInsteadOfSpinning) {
+  connection_->connectionType = 1;
+  const auto virtualStart = env_.uptime();
+  std::atomic<bool> done{false};
+  std::thread caller([&] { done = run({std::nullopt}, nullptr); });
+  const auto realStart = std::chrono::steady_clock::now();
+  std::this_thread::sleep_for(200ms);
+  std::atomic_ref<uint64_t>(connection_->connectionType).store(kConnectionTypeDropbox);
+  caller.join();
+  const auto realElapsed = std::chrono::steady_clock::now() - realStart;
+  EXPECT_TRUE(done);
+  // Each look at the type is a short timed wait in the Env: virtual time moved on by one
+  // interval per look, and there were only a handful of looks while real time passed (a spinning
+  // caller makes thousands and moves no clock at all).
+  const auto waited = env_.uptime() - virtualStart;
+  EXPECT_GE(waited, 20ms);
+  EXPECT_LE(waited, realElapsed + 20ms);
+  EXPECT_TRUE(env_.sleeps().empty());
+}
+
+// A VirtualEnv that runs a hook when the code under test starts to sleep, so a test can act
+// "while" the loop waits: another connection, another thread moving the cooldown.
+class HookedEnv final : public Env {
+ public:
+  std::function<void()> onFirstSleep;
+
+  std::chrono::system_clock::time_point now() override { return base_.now(); }
+  std::chrono::nanoseconds uptime() override { return base_.uptime(); }
+  void sleepFor(std::chrono::nanoseconds duration) override {
+    if (auto hook = std::exchange(onFirstSleep, nullptr)) hook();
+    base_.sleepFor(duration);
+  }
+  uint32_t uniformRandom(uint32_t upperInclusive) override {
+    return base_.uniformRandom(upperInclusive);
+  }
+  void scheduleAfter(std::chrono::nanoseconds delay, std::function<void()> task) override {
+    base_.scheduleAfter(delay, std::move(task));
+  }
+  bool waitFor(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
+               std::chrono::nanoseconds timeout, const std::function<bool()>& ready) override {
+    return base_.waitFor(cv, lock, timeout, ready);
+  }
+  std::filesystem::path temporaryDirectory() override { return base_.temporaryDirectory(); }
+  std::string newUUID() override { return base_.newUUID(); }
+  std::vector<std::chrono::nanoseconds> sleeps() const { return base_.sleeps(); }
+
+ private:
+  VirtualEnv base_;
+};
+
+class RetryLoopWhileWaiting : public RetryLoop {
+ protected:
+  HookedEnv hooked_;
+  ScopedEnv useHooked_{hooked_};
+};
+
+TEST_F(RetryLoopWhileWaiting, ARateLimitedRetryMakesASecondConnectionWaitItOut) {
+  // The scripted 429 opens no cooldown by itself: only the loop's own note can.
+  auto other = WebDAVConnect::initWithConnectionType(kConnectionTypeDropbox, std::nullopt, std::nullopt);
+  std::chrono::nanoseconds otherStartedAt{};
+  std::chrono::nanoseconds waitStartedAt{};
+  hooked_.onFirstSleep = [&] {
+    waitStartedAt = hooked_.uptime();
+    RetryMessages quiet{[](const Error&) { return std::string(); },
+                        [](const Error&, int64_t) { return std::string(); }, "other"};
+    std::optional<Error> error;
+    runSynchronousRetryLoop(*other, quiet, &error, [&](ErrorOut) {
+      otherStartedAt = hooked_.uptime();
+      return true;
+    });
+  };
+  std::optional<Error> error;
+  EXPECT_TRUE(run({serverError(429, 5), std::nullopt}, &error));
+  EXPECT_EQ(otherStartedAt - waitStartedAt, 5s);
+  // The other connection's cooldown wait in one-second slices, then this loop's own 5 s.
+  EXPECT_THAT(hooked_.sleeps(), ElementsAre(1s, 1s, 1s, 1s, 1s, 5s));
+}
+
+TEST_F(RetryLoopWhileWaiting, ACooldownExtendedByAnotherThreadDuringTheWaitIsWaitedOutToo) {
+  WebDAVConnect::noteDropboxRateLimitWithSuggestedDelay(3);
+  hooked_.onFirstSleep = [] {
+    std::thread([] { WebDAVConnect::noteDropboxRateLimitWithSuggestedDelay(5); }).join();
+  };
+  std::optional<Error> error;
+  EXPECT_TRUE(run({std::nullopt}, &error));
+  // Without the extension the wait would have been 1, 1, 1.
+  EXPECT_THAT(hooked_.sleeps(), ElementsAre(1s, 1s, 1s, 1s, 1s));
+}
+
+TEST_F(RetryLoop, RateLimitsAndServerErrorsShareOneCapOfTenAttempts) {
+  std::deque<std::optional<Error>> script;
+  for (int i = 0; i < 6; ++i) {
+    script.push_back(serverError(429));
+    script.push_back(serverError(500));
+  }
+  std::optional<Error> error;
+  EXPECT_FALSE(run(script, &error));
+  EXPECT_EQ(attempts_, 10);
+  EXPECT_EQ(error->code(), 500);
+  EXPECT_THAT(env_.sleeps(), ElementsAre(2s, 500ms, 4s, 500ms, 8s, 500ms, 16s, 500ms, 30s));
+}
+
+TEST_F(RetryLoop, EachLogLineHasItsOwnDelivery) {
+  log::CaptureLog capture;
+  std::optional<Error> error;
+  EXPECT_TRUE(run({serverError(500), serverError(429), std::nullopt}, &error));
+  std::vector<std::pair<log::Level, log::Delivery>> deliveries;
+  for (const auto& entry : capture.entries()) deliveries.emplace_back(entry.level, entry.delivery);
+  // Failures are written before the loop goes on; retry and rate-limit notes go to the log
+  // thread.
+  EXPECT_THAT(deliveries, testing::UnorderedElementsAre(
+                              std::pair(log::Level::kError, log::Delivery::kSync),
+                              std::pair(log::Level::kDebug, log::Delivery::kAsync),
+                              std::pair(log::Level::kError, log::Delivery::kSync),
+                              std::pair(log::Level::kWarning, log::Delivery::kAsync)));
+}
+
+TEST_F(RetryLoop, EachAttemptStartsWithTheOutcomeCleared) {
+  dbx::DBRequestError serverFailure;
+  serverFailure.kind = dbx::DBRequestError::Kind::kInternalServer;
+  serverFailure.statusCode = 500;
+  std::vector<bool> staleFailureSeen;
+  std::vector<bool> staleErrorSeen;
+  std::optional<Error> error;
+  RetryMessages messages{[](const Error& e) { return describeError(e); },
+                         [](const Error& e, int64_t) { return describeError(e); }, "x"};
+  EXPECT_TRUE(runSynchronousRetryLoop(*connection_, messages, &error, [&](ErrorOut attemptError) {
+    staleFailureSeen.push_back(connection_->checkIfRequestFailed(nullptr));
+    staleErrorSeen.push_back(attemptError->has_value());
+    if (staleFailureSeen.size() == 3) return true;
+    // What a failed backend call leaves behind: the connection's outcome and the caller's error.
+    connection_->setAsyncErrorIfRequired(&serverFailure);
+    return !connection_->checkIfRequestFailed(attemptError);
+  }));
+  EXPECT_THAT(staleFailureSeen, ElementsAre(false, false, false));
+  EXPECT_THAT(staleErrorSeen, ElementsAre(false, false, false));
+  EXPECT_FALSE(error);
 }
 
 }  // namespace

@@ -138,6 +138,20 @@ TEST_F(SyncLock, AFolderMatchGivesARecordWithoutDates) {
   EXPECT_EQ(found->ModificationDateAbsolute, 0);
 }
 
+TEST_F(SyncLock, ALockNotYetIndexedBySearchIsNotFound) {
+  restartEmulatorWith({.searchIndexDelay = 5s});
+  auto connection = newConnection();
+  auto lock = connection->lockDirectory("device1", nullptr);
+  ASSERT_TRUE(lock);
+  std::optional<Error> error;
+  EXPECT_FALSE(connection->getCurrentLockFile(&error));
+  EXPECT_NO_WDC_ERROR(error);
+  env_.advance(5s);
+  auto found = connection->getCurrentLockFile(&error);
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->FilePath, lock->FilePath);
+}
+
 TEST_F(SyncLock, TheUploadReadsTheBareFileNameFromTheCurrentDirectory) {
   test::TempDir elsewhere;
   std::filesystem::current_path(elsewhere.path());
