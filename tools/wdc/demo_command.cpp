@@ -56,15 +56,15 @@ std::string recordName(uint64_t n, const char* folder, const char* device) {
 class Timer {
  public:
   explicit Timer(const emu::Emulator& emulator)
-      : emulator_(emulator), start_(Env::current().uptime()), requests_(emulator.requestCount("*")) {}
+      : emulator_(&emulator), start_(Env::current().uptime()), requests_(emulator.requestCount("*")) {}
   StepFigure done(std::string name, std::string detail) const {
     return StepFigure{std::move(name),
                       std::chrono::duration<double>(Env::current().uptime() - start_).count(),
-                      emulator_.requestCount("*") - requests_, std::move(detail)};
+                      emulator_->requestCount("*") - requests_, std::move(detail)};
   }
 
  private:
-  const emu::Emulator& emulator_;
+  const emu::Emulator* emulator_;
   std::chrono::nanoseconds start_;
   uint64_t requests_;
 };

@@ -16,7 +16,7 @@ void putIfPresent(nlohmann::ordered_json& json, const char* key,
   if (value) json[key] = *value;
 }
 
-std::optional<std::string> requiredString(const nlohmann::json& meta, const char* key,
+std::optional<std::string> requiredString(const nlohmann::ordered_json& meta, const char* key,
                                           const std::string& source) {
   auto it = meta.find(key);
   if (it == meta.end() || !it->is_string()) {
@@ -74,7 +74,7 @@ nlohmann::ordered_json recordToJson(const WebDAVFileContents& record) {
 
 std::shared_ptr<WebDAVFileContents> recordFromJson(const std::string& text,
                                                    const std::string& source) {
-  nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
+  nlohmann::ordered_json json = nlohmann::ordered_json::parse(text, nullptr, false);
   if (json.is_discarded() || !json.is_object()) {
     throw CommandFailure(source + ": not a JSON object");
   }
@@ -91,7 +91,14 @@ std::shared_ptr<WebDAVFileContents> recordFromJson(const std::string& text,
   record->ContainerUID = requiredString(*meta, "ContainerUID", source);
   record->ParentUID = requiredString(*meta, "ParentUID", source);
   record->UID = requiredString(*meta, "UID", source);
-  record->Extension = requiredString(*meta, "Extension", source);
+  // A listed record names its extension only in its file name.
+  auto filePath = meta->find("FilePath");
+  if (!meta->contains("Extension") && filePath != meta->end() && filePath->is_string()) {
+    const std::string name = filePath->get<std::string>();
+    const auto dot = name.rfind('.');
+    if (dot != std::string::npos && dot + 1 < name.size()) record->Extension = name.substr(dot + 1);
+  }
+  if (!record->Extension) record->Extension = requiredString(*meta, "Extension", source);
 
   std::optional<Error> error;
   std::optional<PlistValue> payload = payloadValueFromJSON(data->dump(), &error);

@@ -1,7 +1,8 @@
 // A record as `wdc get`, `wdc pull` and `wdc put` show it: {"meta": {...}, "data": {payload}}.
 // "meta" uses the record's field names; absent fields are left out. `put` reads back only what a
-// new record needs (OpType, ContainerUID, ParentUID, UID, Extension), so what `pull` writes can be
-// put again unchanged.
+// new record needs (OpType, ContainerUID, ParentUID, UID, Extension; the extension may instead
+// come from FilePath, as listed records carry it), so what `pull` writes can be put again
+// unchanged.
 #pragma once
 
 #include <nlohmann/json.hpp>
