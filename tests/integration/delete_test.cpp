@@ -98,6 +98,8 @@ TEST_F(Deletes, TooManyFilesIs406AndStopsTheWalk) {
   auto rule = emu::parseFaultRule("files/delete_batch/entry:toomanyfiles#1");
   ASSERT_TRUE(rule);
   emulator_->addFault(*rule);
+  // The second entry fails too, with an error that would replace the first if the walk went on.
+  failNext("files/delete_batch/entry", emu::FaultKind::kTooManyWriteOperations, 1);
   std::optional<Error> error;
   EXPECT_FALSE(connection_->deleteArbitraryFiles({"/x/a", "/x/b"}, &error));
   ASSERT_TRUE(error);
@@ -115,6 +117,19 @@ TEST_F(Deletes, TooManyWriteOperationsInAnEntryIs400) {
   EXPECT_EQ(failure->code(), 400);
   EXPECT_EQ(failure->localizedDescription(), "too_many_write_operations");
   EXPECT_TRUE(exists("/x/a"));
+}
+
+TEST_F(Deletes, AnUnexpectedLookupFailureIs400AndStopsTheWalk) {
+  put("/x/a");
+  // Entry rules other than 429w and toomanyfiles change nothing: this one only uses up the
+  // first entry, so that the second fails with too_many_files.
+  failNext("files/delete_batch/entry", emu::FaultKind::kInternalError, 1);
+  failNext("files/delete_batch/entry", emu::FaultKind::kTooManyFiles, 1);
+  // "x/." is no well-formed path: its entry fails with path_lookup/malformed_path.
+  auto failure = connection_->deleteFilesAtPathsFromDropbox({"x/.", "/x/a"});
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->code(), 400);
+  EXPECT_EQ(failure->localizedDescription(), "path_lookup/malformed_path");
 }
 
 TEST_F(Deletes, AFailedJobIs400AndDeletesNothing) {
