@@ -102,8 +102,14 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // file that was not there gives false and leaves `error` untouched.
   bool deleteArbitraryFile(const std::optional<std::string>& name,
                            const std::optional<std::string>& inFolder, ErrorOut error = nullptr);
-  // Deletes everything the server's name search for `pattern` lists under `inFolder`, at any
-  // depth (partial name matches included, up to the search's result limit of 100), in one batch.
+  // Deletes, in one batch, what the server's name search for `pattern` lists under `inFolder`
+  // (any depth, partial name matches included, at most the search's 100 results). Search names
+  // each match by its whole lower-case path and that path is joined under `inFolder` again, so:
+  // with the root folder ("" or absent) every match is deleted; with a named folder the joined
+  // path ("Tasks" + "/tasks/a.tod" -> "/Tasks/tasks/a.tod") normally names nothing, nothing is
+  // deleted and the call still succeeds (entries not found do not fail a batch). Only a failed
+  // search is retried and reported in `error`; a failed batch gives false at once, `error`
+  // untouched.
   bool deleteFilesThatMatch(const std::string& pattern, const std::optional<std::string>& inFolder,
                             ErrorOut error = nullptr);
   // Deletes the folder `path` with everything in it. True only when the server confirms it.
@@ -319,9 +325,13 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // without a job id (even one the server completed at once) is "Could not delete files in
   // Dropbox" (400). Does not touch the connection's call state.
   std::optional<Error> deleteFilesAtPathsFromDropbox(const std::vector<std::string>& paths);
-  // Deletes, in one batch, what searchForMatchingFiles(`thatMatch`, `folder`) lists under
-  // `folder`. False when the search failed (call state untouched); otherwise records the batch's
-  // outcome as the connection's last call and returns whether it succeeded.
+  // searchForMatchingFiles(`thatMatch`, `folder`), then deleteFilesAtPathFromDropbox of the
+  // matches joined under `folder`. False when the search failed (its error in `error`, call state
+  // untouched); otherwise records the batch's outcome as the connection's last call and returns
+  // whether it succeeded, leaving `error` alone. Since matches carry whole paths, the root folder
+  // ("" or absent) deletes every match, while a named folder joins them into paths that normally
+  // name nothing ("Tasks" + "/tasks/a.tod" -> "/Tasks/tasks/a.tod"): nothing is deleted and the
+  // result is true, as entries not found do not fail a batch.
   bool deleteFilesThatMatchInDropbox(const std::optional<std::string>& folder,
                                      const std::string& thatMatch, ErrorOut error = nullptr);
 
