@@ -213,7 +213,8 @@ int main() {
       !wdc::dbx::saveTokenStore(tokens, {.oauth2 = wdc::dbx::DBOAuth2Token{"dbid:bench", "T",
                                                                            std::nullopt,
                                                                            std::nullopt},
-                                         .oauth1 = {}})) {
+                                         .oauth1 = {},
+                                         .oauth2AppKey = {}})) {
     std::fprintf(stderr, "cannot set up: %s\n", reason.c_str());
     return 1;
   }

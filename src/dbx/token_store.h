@@ -32,10 +32,10 @@ struct DBOAuth1Token {
 
 struct DBTokenStoreContents {
   std::optional<DBOAuth2Token> oauth2;
+  std::vector<DBOAuth1Token> oauth1;
   // The app `oauth2` was issued to, when a tool linked it with an app key of its own (the code
   // flow with PKCE); its refreshes must use that key and no secret.
   std::optional<std::string> oauth2AppKey;
-  std::vector<DBOAuth1Token> oauth1;
 };
 
 // Reads `path`. A missing file is an empty store; an unreadable or malformed one gives absent and
