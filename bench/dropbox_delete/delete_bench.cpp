@@ -34,7 +34,8 @@ bool linkClient(const emu::Emulator& emulator, const std::filesystem::path& fold
   const auto certificate = folder / "emulator.pem";
   if (!emulator.writeCertificate(certificate)) return false;
   dbx::DBTokenStoreContents store;
-  store.oauth2 = dbx::DBOAuth2Token{.uid = "dbid:bench", .accessToken = kToken, .refreshToken = {}, .expiresAt = {}};
+  store.oauth2 = dbx::DBOAuth2Token{
+      .uid = "dbid:bench", .accessToken = kToken, .refreshToken = {}, .expiresAt = {}};
   if (!dbx::saveTokenStore(folder / "tokens.json", store)) return false;
   dbx::DBClientConfig config;
   config.apiBaseUrl = emulator.baseUrl();
@@ -46,7 +47,7 @@ bool linkClient(const emu::Emulator& emulator, const std::filesystem::path& fold
 
 std::string recordName(int i) {
   return WebDAVFileMetaData::createEncodedPathWithOpType("u", "C1", "P1", fmt::format("R{:04}", i),
-                                                        "tod");
+                                                         "tod");
 }
 
 void fill(emu::Emulator& emulator) {
@@ -124,9 +125,8 @@ int main() {
              "x of single");
   fmt::print("{:<34} {:>10.3f} {:>10} {:>12.3f} {:>12.1f}\n", "1,000 single deletes (delete_v2)",
              single, singleRequests, single * 1000 / kFiles, 1.0);
-  fmt::print("{:<34} {:>10.3f} {:>10} {:>12.3f} {:>12.1f}\n",
-             "one batch (delete_batch + polls)", batch, batchRequests, batch * 1000 / kFiles,
-             single / batch);
+  fmt::print("{:<34} {:>10.3f} {:>10} {:>12.3f} {:>12.1f}\n", "one batch (delete_batch + polls)",
+             batch, batchRequests, batch * 1000 / kFiles, single / batch);
   fmt::print("batch: median of {} rounds\n", kBatchRounds);
   emulator.stop();
   return 0;

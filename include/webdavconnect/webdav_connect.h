@@ -220,7 +220,9 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // Deletes the folder with everything in it (deleteArbitraryFileFromDropbox of "" in it).
   bool deleteDropboxFolder(const std::optional<std::string>& folderPath, ErrorOut error = nullptr);
   // Searches the parent folder for the last path component: true when some match's name equals
-  // it exactly (case-sensitive), folder or file alike.
+  // it exactly (case-sensitive), folder or file alike. Name top-level paths without a leading
+  // "/" here and in doesDropboxFileExist: the parent of "/Tasks" resolves to "/", which the
+  // server refuses (400).
   bool doesDropboxFolderExist(const std::optional<std::string>& folderPath,
                               ErrorOut error = nullptr);
   // doesDropboxContainFile of the last path component in the parent folder, excluding nothing.
@@ -278,10 +280,12 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
                                    const std::optional<std::string>& inFolder,
                                    ErrorOut error = nullptr);
   // deleteFilesAtPathsFromDropbox of each file's `FilePath` joined to `inFolder` ("" when absent).
+  // Records without a `FilePath` are left out: they would name the folder itself.
   std::optional<Error> deleteFilesAtPathFromDropbox(const FileList& files,
                                                     const std::optional<std::string>& inFolder);
-  // files/delete_batch of the resolved paths (at most 1,000), then files/delete_batch/check back
-  // to back, with no pause and no limit, until the job completes or fails. Returns the error, or
+  // files/delete_batch of the resolved paths, then files/delete_batch/check back to back, with no
+  // pause and no limit, until the job completes or fails. More than 1,000 paths (the route's
+  // limit) fail at once with "Dropbox" 400, nothing sent. Returns the error, or
   // nothing on success: entries not found / not a file / not a folder are ignored; an entry with
   // too_many_files ("Dropbox" 406) or too_many_write_operations (400) ends the walk; a launch
   // without a job id (even one the server completed at once) is "Could not delete files in

@@ -7,7 +7,9 @@ namespace wdc {
 // Each takes the same arguments as its Dropbox counterpart, so a host written against one backend
 // compiles against the others.
 
-std::optional<std::string> WebDAVConnect::getWebDAVAccountUsername(ErrorOut) { return std::nullopt; }
+std::optional<std::string> WebDAVConnect::getWebDAVAccountUsername(ErrorOut) {
+  return std::nullopt;
+}
 
 std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::getCurrentWebDAVLockFile(ErrorOut) {
   return nullptr;
@@ -25,9 +27,11 @@ std::optional<std::string> WebDAVConnect::getHashFromWebDAV(ErrorOut,
   return std::nullopt;
 }
 
-std::optional<FileList> WebDAVConnect::getDeltaFileListFromWebDAV(
-    ErrorOut, const std::optional<std::string>&, const std::optional<std::string>&,
-    const std::optional<std::string>&, bool) {
+std::optional<FileList> WebDAVConnect::getDeltaFileListFromWebDAV(ErrorOut,
+                                                                  const std::optional<std::string>&,
+                                                                  const std::optional<std::string>&,
+                                                                  const std::optional<std::string>&,
+                                                                  bool) {
   return std::nullopt;
 }
 

@@ -17,7 +17,10 @@
 namespace wdc::dbx {
 namespace {
 
-constexpr std::size_t kFilesInFlight = 4;
+// Sessions are independent until the commit, and a record's session is one short request whose
+// time is mostly the round trip: with only 4 at a time a batch of small records moved no faster
+// than 4 blocking uploads in a row. Over HTTP/2 these share one connection.
+constexpr std::size_t kFilesInFlight = 16;
 constexpr int kRateLimitRetries = 4;
 constexpr auto kPollInterval = std::chrono::milliseconds(250);
 

@@ -7,13 +7,14 @@
 #include "dbx/clients_manager.h"
 #include "dropbox/delete_answer.h"
 #include "dropbox/folders.h"
-#include "webdavconnect/webdav_connect.h"
 #include "platform/logger.h"
+#include "webdavconnect/webdav_connect.h"
 
 namespace wdc {
 namespace {
 
 constexpr int64_t kTooManyFilesCode = 406;
+constexpr size_t kMaxBatchEntries = 1000;
 constexpr int64_t kBatchFailureCode = 400;
 
 // The request-error form of the batch: domain and user info like the error mapping, but the code
@@ -60,14 +61,14 @@ std::optional<Error> walkEntries(const dbx::DBFILESDeleteBatchResult& result) {
     }
     const dbx::DBFILESDeleteError& error = *entry.failure;
     if (error.isTooManyWriteOperations() || error.isTooManyFiles()) {
-      failure = describedFailure(error.isTooManyFiles() ? kTooManyFilesCode : kBatchFailureCode,
-                                 error);
+      failure =
+          describedFailure(error.isTooManyFiles() ? kTooManyFilesCode : kBatchFailureCode, error);
       break;
     }
     if (error.isPathLookup()) {
-      const bool gone = error.pathLookup && (error.pathLookup->isNotFound() ||
-                                             error.pathLookup->isNotFile() ||
-                                             error.pathLookup->isNotFolder());
+      const bool gone =
+          error.pathLookup && (error.pathLookup->isNotFound() || error.pathLookup->isNotFile() ||
+                               error.pathLookup->isNotFolder());
       if (gone) continue;
       failure = describedFailure(kBatchFailureCode, error);
       break;
@@ -93,6 +94,12 @@ std::optional<Error> WebDAVConnect::deleteFilesAtPathFromDropbox(
 
 std::optional<Error> WebDAVConnect::deleteFilesAtPathsFromDropbox(
     const std::vector<std::string>& paths) {
+  if (paths.size() > kMaxBatchEntries) {
+    // The server would refuse the whole list; say why instead of sending it.
+    return Error::withDescription(std::string(kDropboxErrorDomain), kBatchFailureCode,
+                                  fmt::format("Cannot delete {} files in one batch (at most {})",
+                                              paths.size(), kMaxBatchEntries));
+  }
   std::vector<dbx::DBFILESDeleteArg> entries;
   entries.reserve(paths.size());
   for (const std::string& path : paths) {
@@ -102,8 +109,8 @@ std::optional<Error> WebDAVConnect::deleteFilesAtPathsFromDropbox(
   if (!client) {
     // Without a linked account no answer can ever come: fail instead of waiting for one.
     return Error(std::string(kDropboxErrorDomain), 401,
-                 PlistDictionary{{std::string(kErrorContentKey),
-                                  PlistValue("No Dropbox account is linked")}});
+                 PlistDictionary{
+                     {std::string(kErrorContentKey), PlistValue("No Dropbox account is linked")}});
   }
 
   std::string jobId;
@@ -117,8 +124,8 @@ std::optional<Error> WebDAVConnect::deleteFilesAtPathsFromDropbox(
           log::debug(fmt::format("[DROPBOX] Batch deleting, job id: {}", jobId));
         } else if (requestError != nullptr) {
           failure = batchRequestError(*requestError);
-          log::error(fmt::format("[DROPBOX] Got batch delete request error: {}",
-                                 failure->description()));
+          log::error(
+              fmt::format("[DROPBOX] Got batch delete request error: {}", failure->description()));
         } else if (routeError != nullptr) {
           failure = unknownFailure();
           log::error(fmt::format("[DROPBOX] Got batch delete route error: {}",
@@ -138,8 +145,8 @@ std::optional<Error> WebDAVConnect::deleteFilesAtPathsFromDropbox(
     while (!done) {
       dropbox::awaitDeleteAnswer(
           queueToUse, client->filesRoutes().deleteBatchCheck(jobId),
-          [&](const dbx::DBFILESDeleteBatchJobStatus* status, const dbx::DBASYNCPollError* pollError,
-              const dbx::DBRequestError* requestError) {
+          [&](const dbx::DBFILESDeleteBatchJobStatus* status,
+              const dbx::DBASYNCPollError* pollError, const dbx::DBRequestError* requestError) {
             if (status != nullptr) {
               if (status->isComplete()) {
                 done = true;
@@ -160,8 +167,8 @@ std::optional<Error> WebDAVConnect::deleteFilesAtPathsFromDropbox(
     }
   }
   if (failure) {
-    log::error(fmt::format("[DROPBOX] ERROR ----> Batch deletion failed: {}",
-                           failure->description()));
+    log::error(
+        fmt::format("[DROPBOX] ERROR ----> Batch deletion failed: {}", failure->description()));
   }
   return failure;
 }

@@ -29,10 +29,9 @@ bool WebDAVConnect::deleteArbitraryFileFromDropbox(const std::optional<std::stri
               result->metadata->pathLower.value_or("") == remoteLower) {
             deleted = true;
           }
-          const bool alreadyGone = routeError != nullptr && routeError->isPathLookup() &&
-                                   routeError->pathLookup &&
-                                   (routeError->pathLookup->isNotFound() ||
-                                    routeError->pathLookup->isNotFile());
+          const bool alreadyGone =
+              routeError != nullptr && routeError->isPathLookup() && routeError->pathLookup &&
+              (routeError->pathLookup->isNotFound() || routeError->pathLookup->isNotFile());
           const bool conflictOrMissing =
               requestError != nullptr && requestError->statusCode &&
               (*requestError->statusCode == 409 || *requestError->statusCode == 404);
@@ -51,8 +50,8 @@ bool WebDAVConnect::deleteFileAtPathFromDropbox(const std::shared_ptr<WebDAVFile
                                                 const std::optional<std::string>& inFolder,
                                                 ErrorOut error) {
   const std::optional<std::string> filePath = file ? file->FilePath : std::nullopt;
-  log::debug(fmt::format("[DROPBOX] deleteFileAtPathFromDropbox: {}",
-                         dropbox::textOrNull(filePath)));
+  log::debug(
+      fmt::format("[DROPBOX] deleteFileAtPathFromDropbox: {}", dropbox::textOrNull(filePath)));
   // A record that names no file must not turn into a delete of the whole folder.
   if (!filePath || filePath->empty()) return false;
   return deleteArbitraryFileFromDropbox(filePath, inFolder, error);

@@ -2,9 +2,9 @@
 #include <fmt/format.h>
 
 #include "dropbox/folders.h"
-#include "webdavconnect/webdav_connect.h"
 #include "platform/logger.h"
 #include "util/unicode_case.h"
+#include "webdavconnect/webdav_connect.h"
 
 namespace wdc {
 
@@ -21,8 +21,7 @@ bool WebDAVConnect::deleteFilesThatMatchInDropbox(const std::optional<std::strin
   std::vector<std::string> paths;
   for (const auto& match : *matches) {
     const std::string& path = *match->FilePath;
-    if (!folderLower.empty() && folderLower != "/" &&
-        path.rfind(folderLower + "/", 0) != 0) {
+    if (!folderLower.empty() && folderLower != "/" && path.rfind(folderLower + "/", 0) != 0) {
       log::warning(fmt::format("[DROPBOX] deleteFilesThatMatch: not deleting {}, outside {}", path,
                                folderLower));
       continue;

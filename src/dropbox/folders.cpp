@@ -88,21 +88,20 @@ bool WebDAVConnect::deleteDropboxFolder(const std::optional<std::string>& folder
 bool WebDAVConnect::doesDropboxFolderExist(const std::optional<std::string>& folderPath,
                                            ErrorOut error) {
   const std::string path = folderPath.value_or("");
-  const std::string parent =
-      getResolvedDropboxFolderPath(dropbox::deletingLastPathComponent(path));
+  const std::string parent = getResolvedDropboxFolderPath(dropbox::deletingLastPathComponent(path));
   const std::string name = dropbox::lastPathComponent(path);
   log::debug(fmt::format("[DROPBOX] doesDropboxFolderExist: {}", parent));
   bool found = false;
   if (auto client = dropbox::authorizedClientFor(*this)) {
-    dropbox::awaitAnswer(*this, client->filesRoutes().search(parent, name),
-                         [&found, &name](const dbx::DBFILESSearchResult* result,
-                                         const dbx::DBFILESSearchError*) {
-                           if (result == nullptr) return;
-                           // Exact, case-sensitive name; a file of that name counts too.
-                           for (const auto& match : result->matches) {
-                             if (match.metadata && match.metadata->name == name) found = true;
-                           }
-                         });
+    dropbox::awaitAnswer(
+        *this, client->filesRoutes().search(parent, name),
+        [&found, &name](const dbx::DBFILESSearchResult* result, const dbx::DBFILESSearchError*) {
+          if (result == nullptr) return;
+          // Exact, case-sensitive name; a file of that name counts too.
+          for (const auto& match : result->matches) {
+            if (match.metadata && match.metadata->name == name) found = true;
+          }
+        });
   }
   if (checkIfRequestFailed(error)) return false;
   return found;

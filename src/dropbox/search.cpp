@@ -12,10 +12,10 @@ namespace wdc {
 std::optional<FileList> WebDAVConnect::searchForMatchingFiles(
     const std::optional<std::string>& fileName, const std::optional<std::string>& inFolder,
     const std::optional<std::string>& excludingFile, ErrorOut error) {
-  log::debug(fmt::format(
-      "[DROPBOX] searchForMatchingFiles : fileName : {}, inFolder : {}, excluding : {}",
-      dropbox::textOrNull(fileName), dropbox::textOrNull(inFolder),
-      dropbox::textOrNull(excludingFile)));
+  log::debug(
+      fmt::format("[DROPBOX] searchForMatchingFiles : fileName : {}, inFolder : {}, excluding : {}",
+                  dropbox::textOrNull(fileName), dropbox::textOrNull(inFolder),
+                  dropbox::textOrNull(excludingFile)));
   arrSearchMetaDatas_ = FileList{};
   const std::string excluded = lowercaseUnicode(excludingFile.value_or(""));
   if (auto client = dropbox::authorizedClientFor(*this)) {

@@ -66,13 +66,14 @@ std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::lockDirectoryDropbox(
     // The upload reads the lock file by its bare name, resolved against the current directory,
     // not from where it was just written: hosts have always run with the temporary directory as
     // their current directory, and the pairing is kept as it is.
-    dropbox::awaitAnswer(*this, client->filesRoutes().uploadUrl(arg, std::filesystem::path(fileName)),
-                         [&](const dbx::DBFILESFileMetadata* result, const dbx::DBFILESUploadError*) {
-                           if (result == nullptr) return;
-                           lock = std::make_shared<WebDAVFileMetaData>();
-                           lock->FilePath = lockName;
-                           lock->UID = ownerIdentifier;
-                         });
+    dropbox::awaitAnswer(
+        *this, client->filesRoutes().uploadUrl(arg, std::filesystem::path(fileName)),
+        [&](const dbx::DBFILESFileMetadata* result, const dbx::DBFILESUploadError*) {
+          if (result == nullptr) return;
+          lock = std::make_shared<WebDAVFileMetaData>();
+          lock->FilePath = lockName;
+          lock->UID = ownerIdentifier;
+        });
   }
   if (checkIfRequestFailed(error)) return nullptr;
   return lock;

@@ -4,7 +4,9 @@
 // dictionaries, keyed by the scratch file, carry each file from the request to its answer.
 #include <fmt/format.h>
 
+#include <atomic>
 #include <map>
+#include <thread>
 
 #include "dbx/clients_manager.h"
 #include "dropbox/upload_scratch.h"
@@ -17,6 +19,10 @@ namespace {
 using Results = std::vector<std::shared_ptr<WebDAVBatchUploadResult>>;
 
 constexpr const char* kNotLinkedText = "Dropbox account is not linked. Please relink and try again.";
+// A scratch file costs a few file-system round trips (create, compress, remove); preparing a few
+// at once hides the disk's latency behind the others' work. Small batches stay on the caller.
+constexpr size_t kPrepareThreads = 4;
+constexpr size_t kItemsPerPrepareThread = 16;
 
 // What a batch remembers between its request and its answer.
 struct BatchBookkeeping {
@@ -144,6 +150,43 @@ void answerBatch(const BatchBookkeeping& books,
   if (completion) completion(results, overall);
 }
 
+// Prepares every object's scratch file, in input order of the result. Objects that share a stored
+// name share a scratch file, so they are prepared one after another on one thread, in input
+// order: the last one wins, as it would going one by one.
+std::vector<dropbox::RecordUpload> prepareAll(
+    const std::vector<std::shared_ptr<WebDAVFileContents>>& objects,
+    const std::optional<std::string>& toFolder) {
+  static const WebDAVFileContents kNothing;
+  static const WebDAVFileMetaData kNoMetaData;
+  std::map<std::string, std::vector<size_t>> byName;
+  for (size_t i = 0; i < objects.size(); ++i) {
+    const auto& meta = objects[i] ? objects[i]->FileMetaData : nullptr;
+    byName[dropbox::uploadFileName(meta ? *meta : kNoMetaData)].push_back(i);
+  }
+  std::vector<const std::vector<size_t>*> groups;
+  groups.reserve(byName.size());
+  for (const auto& entry : byName) groups.push_back(&entry.second);
+
+  std::vector<dropbox::RecordUpload> uploads(objects.size());
+  std::atomic<size_t> nextGroup{0};
+  auto work = [&] {
+    for (size_t g = nextGroup++; g < groups.size(); g = nextGroup++) {
+      for (size_t i : *groups[g]) {
+        uploads[i] = dropbox::prepareRecordUpload(objects[i] ? *objects[i] : kNothing, toFolder,
+                                                  dropbox::ScratchUse::kBatchRecord);
+      }
+    }
+  };
+  const size_t helpers =
+      std::min(kPrepareThreads, objects.size() / kItemsPerPrepareThread + 1) - 1;
+  std::vector<std::thread> pool;
+  pool.reserve(helpers);
+  for (size_t h = 0; h < helpers; ++h) pool.emplace_back(work);
+  work();
+  for (auto& thread : pool) thread.join();
+  return uploads;
+}
+
 }  // namespace
 
 void WebDAVConnect::uploadFileWithObjects(
@@ -172,10 +215,10 @@ void WebDAVConnect::uploadFileWithObjects(
 
   auto books = std::make_shared<BatchBookkeeping>();
   std::map<std::string, dbx::DBFILESCommitInfo> commitByFileUrl;
-  static const WebDAVFileContents kNothing;
-  for (const auto& object : objects) {
-    dropbox::RecordUpload upload = dropbox::prepareRecordUpload(
-        object ? *object : kNothing, toFolder, dropbox::ScratchUse::kBatchRecord);
+  std::vector<dropbox::RecordUpload> uploads = prepareAll(objects, toFolder);
+  for (size_t i = 0; i < objects.size(); ++i) {
+    const auto& object = objects[i];
+    const dropbox::RecordUpload& upload = uploads[i];
     log::debug(fmt::format("[DROPBOX] Will upload file: {}", upload.remotePath));
     const std::string path = upload.scratch.uploadPath.string();
     books->newMetaDataByPath[path] = upload.newMetaData;

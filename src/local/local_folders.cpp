@@ -11,8 +11,7 @@ bool WebDAVConnect::doesLocalFolderExist(const std::optional<std::string>& folde
   return fs::exists(localFolderPath(folder), ec);
 }
 
-bool WebDAVConnect::createNewLocalFolder(const std::optional<std::string>& folder,
-                                         ErrorOut error) {
+bool WebDAVConnect::createNewLocalFolder(const std::optional<std::string>& folder, ErrorOut error) {
   const std::string path = localFolderPath(folder);
   std::error_code ec;
   if (fs::exists(path, ec)) return true;
@@ -31,8 +30,8 @@ bool WebDAVConnect::deleteLocalFolder(const std::optional<std::string>& folder, 
   // hosts that pass a root-relative name remove nothing under the root.
   const std::string target = folder.value_or("");
   if (target.empty() || !fs::exists(fs::symlink_status(target, ec))) {
-    setError(error, fileSystemError(std::make_error_code(std::errc::no_such_file_or_directory),
-                                    target));
+    setError(error,
+             fileSystemError(std::make_error_code(std::errc::no_such_file_or_directory), target));
     return false;
   }
   fs::remove_all(target, ec);
@@ -54,7 +53,8 @@ std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::getCurrentLocalLockFile(Error
   return nullptr;
 }
 
-std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::lockDirectoryLocal(const std::string&, ErrorOut) {
+std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::lockDirectoryLocal(const std::string&,
+                                                                      ErrorOut) {
   return nullptr;
 }
 
@@ -65,9 +65,11 @@ std::optional<std::string> WebDAVConnect::getHashFromLocal(ErrorOut,
   return std::nullopt;
 }
 
-std::optional<FileList> WebDAVConnect::getDeltaFileListFromLocal(
-    ErrorOut, const std::optional<std::string>&, const std::optional<std::string>&,
-    const std::optional<std::string>&, bool) {
+std::optional<FileList> WebDAVConnect::getDeltaFileListFromLocal(ErrorOut,
+                                                                 const std::optional<std::string>&,
+                                                                 const std::optional<std::string>&,
+                                                                 const std::optional<std::string>&,
+                                                                 bool) {
   return std::nullopt;
 }
 

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "webdavconnect/webdav_connect.h"
 #include "webdavconnect/file_contents.h"
+#include "webdavconnect/webdav_connect.h"
 #include "webdavconnect/zip_snapshot.h"
 
 namespace wdc {
@@ -49,7 +49,7 @@ concept SameCallsOnEveryBackend = requires(WebDAVConnect& c, Args... args) {
   c.lockDirectoryLocal(args...);
 };
 static_assert(SameCallsOnEveryBackend<std::string, ErrorOut>);
-static_assert(requires(WebDAVConnect& c, ErrorOut e, std::optional<std::string> s,
+static_assert(requires(WebDAVConnect & c, ErrorOut e, std::optional<std::string> s,
                        std::shared_ptr<WebDAVFileMetaData> f) {
   c.getCurrentDropboxLockFile(e), c.getCurrentWebDAVLockFile(e), c.getCurrentLocalLockFile(e);
   c.getDropboxAccountUsername(e), c.getWebDAVAccountUsername(e), c.getLocalAccountUsername(e);
@@ -63,13 +63,15 @@ static_assert(requires(WebDAVConnect& c, ErrorOut e, std::optional<std::string> 
   c.deleteDropboxFolder(s, e), c.deleteWebDAVFolder(s, e), c.deleteLocalFolder(s, e);
   c.doesDropboxFolderExist(s, e), c.doesWebDAVFolderExist(s, e), c.doesLocalFolderExist(s, e);
   c.getFileListFromWebDAV(e, s, std::optional<Date>(), std::optional<std::vector<std::string>>()),
-      c.getFileListFromLocal(e, s, std::optional<Date>(), std::optional<std::vector<std::string>>());
+      c.getFileListFromLocal(e, s, std::optional<Date>(),
+                             std::optional<std::vector<std::string>>());
 });
 
 TEST(Connection, RemoveAllResourcesEmptiesTheSharedSnapshotCacheButKeepsTheCursor) {
   auto& cache = WebDAVDropboxZipSnapshot::sharedSnapshot();
   ASSERT_TRUE(cache.markFolder("/Tasks/", 25));
-  auto c = WebDAVConnect::initWithConnectionType(kConnectionTypeDropbox, std::nullopt, std::nullopt);
+  auto c =
+      WebDAVConnect::initWithConnectionType(kConnectionTypeDropbox, std::nullopt, std::nullopt);
   c->dropboxDeltaCursor = "cursor-1";
   c->removeAllResources();
   EXPECT_FALSE(cache.isFolderPending("tasks"));

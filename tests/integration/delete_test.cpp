@@ -43,8 +43,8 @@ TEST_F(Deletes, ASingleDeleteIsTrueOnlyForAFileThatWasThere) {
 TEST_F(Deletes, ARecordWithoutAFileNameNeverDeletesItsFolder) {
   put("/Tasks/a.tod");
   EXPECT_FALSE(connection_->deleteFileAtPathFromDropbox(record(std::nullopt), "Tasks", nullptr));
-  EXPECT_FALSE(connection_->deleteFilesAtPathFromDropbox({record(""), record(std::nullopt)},
-                                                         "Tasks"));
+  EXPECT_FALSE(
+      connection_->deleteFilesAtPathFromDropbox({record(""), record(std::nullopt)}, "Tasks"));
   EXPECT_TRUE(exists("/Tasks/a.tod"));
 }
 
@@ -54,8 +54,8 @@ TEST_F(Deletes, ABatchRemovesWhatItNamesAndIgnoresWhatIsAlreadyGone) {
   put("/Tasks/b.tod");
   put("/Tasks/keep.tod");
   std::optional<Error> error;
-  EXPECT_TRUE(connection_->deleteArbitraryFiles({"Tasks/a.tod", "/Tasks/missing.tod", "/tasks/B.tod"},
-                                                &error));
+  EXPECT_TRUE(connection_->deleteArbitraryFiles(
+      {"Tasks/a.tod", "/Tasks/missing.tod", "/tasks/B.tod"}, &error));
   EXPECT_NO_WDC_ERROR(error);
   EXPECT_THAT(emulator_->listPaths(), ElementsAre("/Tasks", "/Tasks/keep.tod"));
   EXPECT_EQ(emulator_->requestCount(kBatch), 1u);
@@ -71,6 +71,18 @@ TEST_F(Deletes, ABatchOfMissingFilesOrOfNothingCompletesWithoutError) {
   EXPECT_EQ(emulator_->requestCount(kCheck), 4u);
 }
 
+TEST_F(Deletes, MoreThanAThousandPathsAreRefusedBeforeAnythingIsSent) {
+  std::vector<std::string> paths(1001, "/x/a");
+  auto failure = connection_->deleteFilesAtPathsFromDropbox(paths);
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->code(), 400);
+  EXPECT_EQ(failure->localizedDescription(),
+            "Cannot delete 1001 files in one batch (at most 1000)");
+  EXPECT_EQ(emulator_->requestCount(kBatch), 0u);
+  paths.pop_back();
+  EXPECT_FALSE(connection_->deleteFilesAtPathsFromDropbox(paths));
+}
+
 TEST_F(Deletes, RecordsAreJoinedToTheFolderOrTakenBareWithoutOne) {
   put("/Tasks/a.tod");
   put("/b.tod");
@@ -82,7 +94,12 @@ TEST_F(Deletes, RecordsAreJoinedToTheFolderOrTakenBareWithoutOne) {
 TEST_F(Deletes, TooManyFilesIs406AndStopsTheWalk) {
   put("/x/a");
   put("/x/b");
-  failNext("files/delete_batch/entry", emu::FaultKind::kTooManyFiles, 1);
+  // The rule as a host would write it for `wdc emulator --fault`.
+  auto rule = emu::parseFaultRule("files/delete_batch/entry:toomanyfiles#1");
+  ASSERT_TRUE(rule);
+  emulator_->addFault(*rule);
+  // The second entry fails too, with an error that would replace the first if the walk went on.
+  failNext("files/delete_batch/entry", emu::FaultKind::kTooManyWriteOperations, 1);
   std::optional<Error> error;
   EXPECT_FALSE(connection_->deleteArbitraryFiles({"/x/a", "/x/b"}, &error));
   ASSERT_TRUE(error);
@@ -100,6 +117,19 @@ TEST_F(Deletes, TooManyWriteOperationsInAnEntryIs400) {
   EXPECT_EQ(failure->code(), 400);
   EXPECT_EQ(failure->localizedDescription(), "too_many_write_operations");
   EXPECT_TRUE(exists("/x/a"));
+}
+
+TEST_F(Deletes, AnUnexpectedLookupFailureIs400AndStopsTheWalk) {
+  put("/x/a");
+  // Entry rules other than 429w and toomanyfiles change nothing: this one only uses up the
+  // first entry, so that the second fails with too_many_files.
+  failNext("files/delete_batch/entry", emu::FaultKind::kInternalError, 1);
+  failNext("files/delete_batch/entry", emu::FaultKind::kTooManyFiles, 1);
+  // "x/." is no well-formed path: its entry fails with path_lookup/malformed_path.
+  auto failure = connection_->deleteFilesAtPathsFromDropbox({"x/.", "/x/a"});
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->code(), 400);
+  EXPECT_EQ(failure->localizedDescription(), "path_lookup/malformed_path");
 }
 
 TEST_F(Deletes, AFailedJobIs400AndDeletesNothing) {
@@ -125,7 +155,8 @@ TEST_F(Deletes, ALaunchTheServerCompletesAtOnceIsReportedAsNotDeleted) {
   EXPECT_EQ(failure->code(), 400);
   EXPECT_EQ(failure->localizedDescription(), "Could not delete files in Dropbox");
   EXPECT_EQ(emulator_->requestCount(kCheck), 0u);
-  EXPECT_THAT(log.messages(log::Level::kWarning), ElementsAre("[DROPBOX] Did NOT get async job id"));
+  EXPECT_THAT(log.messages(log::Level::kWarning),
+              ElementsAre("[DROPBOX] Did NOT get async job id"));
 }
 
 TEST_F(Deletes, RateLimitsAndServerErrorsWhilePollingGoThroughTheRetry) {

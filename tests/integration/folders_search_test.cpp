@@ -96,6 +96,16 @@ TEST_F(FoldersAndSearch, FolderExistenceIsAnExactCaseSensitiveNameMatchOfAnyKind
   EXPECT_NO_WDC_ERROR(error);
 }
 
+TEST_F(FoldersAndSearch, TheParentOfATopLevelPathWithALeadingSlashIsALoneSlash) {
+  // "/Tasks" has the parent "/", which stays "/" and is not how the server names its root.
+  ASSERT_TRUE(emulator_->createFolder("/Tasks"));
+  std::optional<Error> error;
+  EXPECT_FALSE(connection_->doesDropboxFolderExist("/Tasks", &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), 400);
+  EXPECT_TRUE(env_.sleeps().empty());
+}
+
 TEST_F(FoldersAndSearch, FileExistenceCountsAnyMatchBelowTheFolder) {
   put("/a/sub/b.tod");
   put("/elsewhere/c.tod");
@@ -141,9 +151,10 @@ TEST_F(FoldersAndSearch, DeleteFolderRetriesServerErrors) {
   std::optional<Error> error;
   EXPECT_TRUE(connection_->deleteFolder("Old", &error));
   EXPECT_THAT(sleptSeconds(), ElementsAre(0.5, 0.5));
-  EXPECT_THAT(log.messages(log::Level::kError),
-              testing::Contains(testing::StartsWith("[DROPBOX] ERROR: Error Domain=Dropbox Code=500"))
-                  .Times(2));
+  EXPECT_THAT(
+      log.messages(log::Level::kError),
+      testing::Contains(testing::StartsWith("[DROPBOX] ERROR: Error Domain=Dropbox Code=500"))
+          .Times(2));
   EXPECT_THAT(log.messages(log::Level::kDebug),
               testing::Contains(testing::StartsWith("[DROPBOX] ERROR, WILL RETRY deleteFolder: "))
                   .Times(2));

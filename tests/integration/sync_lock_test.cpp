@@ -74,8 +74,9 @@ TEST_F(SyncLock, ALockTakenByOneConnectionIsFoundByAnother) {
   auto stored = emulator_->lookup("/" + *lock->FilePath + ".tsl");
   ASSERT_TRUE(stored && found->ModificationDate);
   EXPECT_EQ(found->ModificationDate->timePoint(), stored->clientModified);
-  EXPECT_DOUBLE_EQ(found->ModificationDateAbsolute,
-                   std::chrono::duration<double>(stored->clientModified.time_since_epoch()).count());
+  EXPECT_DOUBLE_EQ(
+      found->ModificationDateAbsolute,
+      std::chrono::duration<double>(stored->clientModified.time_since_epoch()).count());
 }
 
 TEST_F(SyncLock, UnlockingWithTheReturnedNameRemovesExactlyThatFile) {
@@ -177,8 +178,8 @@ TEST_F(SyncLock, AStaleLocalCopyIsReplaced) {
   log::CaptureLog log;
   ASSERT_TRUE(newConnection()->lockDirectory("ABC", nullptr));
   EXPECT_NE(emulator_->readFile("/" + fileName), "stale");
-  EXPECT_TRUE(log.contains(log::Level::kDebug,
-                           "[DROPBOX]    removing existing local sync lock file"));
+  EXPECT_TRUE(
+      log.contains(log::Level::kDebug, "[DROPBOX]    removing existing local sync lock file"));
 }
 
 TEST_F(SyncLock, ARateLimitedLockIsRetriedAfterTheServersDelay) {
@@ -209,8 +210,10 @@ TEST_F(SyncLock, FindingAndReleasingRetryServerErrorsWithTheirOwnMessages) {
   EXPECT_NO_WDC_ERROR(error);
   EXPECT_THAT(sleptSeconds(), ElementsAre(0.5, 0.5));
   auto debug = log.messages(log::Level::kDebug);
-  EXPECT_THAT(debug, testing::Contains(testing::StartsWith("[DROPBOX] ERROR, WILL RETRY getLock: ")));
-  EXPECT_THAT(debug, testing::Contains(testing::StartsWith("[DROPBOX] ERROR, WILL RETRY unlock: ")));
+  EXPECT_THAT(debug,
+              testing::Contains(testing::StartsWith("[DROPBOX] ERROR, WILL RETRY getLock: ")));
+  EXPECT_THAT(debug,
+              testing::Contains(testing::StartsWith("[DROPBOX] ERROR, WILL RETRY unlock: ")));
   EXPECT_THAT(log.messages(log::Level::kError),
               testing::Contains(testing::StartsWith("[DROPBOX] ERROR with sync unlock: ")));
 }

@@ -227,6 +227,24 @@ INSTANTIATE_TEST_SUITE_P(
                       emu::FaultKind::kTooManyRequests, 15}),
     [](const testing::TestParamInfo<RateLimitCase>& param) { return param.param.name; });
 
+TEST_F(BatchUpload, TwoItemsWithOneStoredNameLeaveTheLastOnesPayloadWhole) {
+  // Scratch files are prepared on several threads; items sharing a name share a scratch file and
+  // must still go one after another, so the last one wins and nothing half-written goes up.
+  auto objects = records(40);
+  auto twin = record("R5");
+  twin->FileContents->set("title", PlistValue("the later twin"));
+  objects.push_back(twin);
+  const std::string path = storedPath("tod", *twin);
+  auto connection = newConnection();
+  auto outcome = uploadBatch(connection, objects, 1);
+  EXPECT_EQ(readBack(path), PlistValue(*twin->FileContents));
+  // The first twin never hears back, so the batch reports what was left as a general failure.
+  EXPECT_THAT(outcome.results, SizeIs(40));
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->domain(), "Kavo");
+  EXPECT_TRUE(log_.contains(log::Level::kWarning, "uploadFileWithObjects... need to retry: 1"));
+}
+
 TEST_F(BatchUpload, MoreThanAThousandRecordsGoUpInTwoCommitsAndReadBackExactly) {
   auto connection = newConnection();
   auto objects = records(1005);
