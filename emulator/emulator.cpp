@@ -2,6 +2,7 @@
 // injection, latency, authentication and argument decoding.
 #include "emulator/emulator.h"
 
+#include <algorithm>
 #include <fstream>
 
 #include "emulator/emulator_impl.h"
@@ -68,6 +69,14 @@ void replyRateLimit(Exchange& exchange, const FaultRule& rule) {
     return exchange.replyText(429, reason);
   }
   exchange.replyJson(Json{{"error_summary", std::string(reason) + "/.."}, {"error", error}}, 429);
+}
+
+// Flips every bit of eight bytes spread over the body (all of a shorter one): the length and the
+// headers stay, so only a check of the content itself can notice.
+void corruptReplyBody(std::string& body) {
+  if (body.empty()) return;
+  const size_t step = std::max<size_t>(1, body.size() / 8);
+  for (size_t i = step / 2; i < body.size(); i += step) body[i] = static_cast<char>(~body[i]);
 }
 
 }  // namespace
@@ -177,6 +186,7 @@ std::optional<FaultKind> Emulator::Impl::serve(Exchange& exchange) {
   }
   pause(options.latencyMs + decision.latencyMs);
   std::optional<FaultKind> transportFault;
+  bool corruptBody = false;
   if (decision.fault) {
     const FaultRule& rule = *decision.fault;
     switch (rule.kind) {
@@ -184,6 +194,9 @@ std::optional<FaultKind> Emulator::Impl::serve(Exchange& exchange) {
         return FaultKind::kDrop;
       case FaultKind::kTruncate:
         transportFault = FaultKind::kTruncate;
+        break;
+      case FaultKind::kCorrupt:
+        corruptBody = true;
         break;
       case FaultKind::kTooManyRequests:
       case FaultKind::kTooManyWriteOperations:
@@ -273,6 +286,7 @@ std::optional<FaultKind> Emulator::Impl::serve(Exchange& exchange) {
     }
   }
   route->handler(*this, exchange, arg);
+  if (corruptBody && exchange.status == 200) corruptReplyBody(exchange.replyBody);
   return transportFault;
 }
 

@@ -43,6 +43,7 @@ enum class FaultKind {
   kUnavailable,             // 503 with an empty text body ("503")
   kDrop,                    // the connection is closed without any answer ("drop")
   kTruncate,                // a normal answer whose body stops half way, then EOF ("truncate")
+  kCorrupt,                 // a normal answer with bytes of its body flipped, length kept ("corrupt")
   kReset,                   // list_folder/continue answers 409 reset ("reset")
   kLatency,                 // the answer is delayed by `argument` ms, then served ("latency")
   kTooManyFiles,            // 409 route error too_many_files ("toomanyfiles")
@@ -84,8 +85,8 @@ struct FaultRule {
 // Parses `ROUTE:KIND[:ARG][@P][#N]`, e.g. "*:429:1@0.1", "files/download:drop@0.05",
 // "files/download:429:2#3" (the next three downloads answer 429 with Retry-After 2),
 // "files/upload:429" (a 429 that states no back-off), "files/upload:429:2b" (body only).
-// KIND is one of 429, 429w, 500, 503, drop, truncate, reset, latency (latency needs ARG),
-// toomanyfiles.
+// KIND is one of 429, 429w, 500, 503, drop, truncate, corrupt, reset, latency (latency needs
+// ARG), toomanyfiles.
 // Returns nullopt and, when `error` is non-null, a reason when the text is not such a rule.
 [[nodiscard]] std::optional<FaultRule> parseFaultRule(std::string_view text,
                                                       std::string* error = nullptr);

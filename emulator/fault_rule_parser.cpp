@@ -30,6 +30,7 @@ std::optional<FaultKind> parseKind(std::string_view text) {
   if (text == "503") return FaultKind::kUnavailable;
   if (text == "drop") return FaultKind::kDrop;
   if (text == "truncate") return FaultKind::kTruncate;
+  if (text == "corrupt") return FaultKind::kCorrupt;
   if (text == "reset") return FaultKind::kReset;
   if (text == "latency") return FaultKind::kLatency;
   if (text == "toomanyfiles") return FaultKind::kTooManyFiles;
@@ -74,7 +75,9 @@ std::optional<FaultRule> parseFaultRule(std::string_view text, std::string* erro
   }
   const std::optional<FaultKind> kind = parseKind(kindText);
   if (!kind) {
-    return fail("unknown kind (429, 429w, 500, 503, drop, truncate, reset, latency, toomanyfiles)");
+    return fail(
+        "unknown kind (429, 429w, 500, 503, drop, truncate, corrupt, reset, latency, "
+        "toomanyfiles)");
   }
   rule.kind = *kind;
 

@@ -8,20 +8,26 @@
 // scripts/check-package.sh builds this against the installed package and runs it against
 // `wdc emulator`.
 #include <stdlib.h>
+#include <unistd.h>
 #include <webdavconnect/dropbox_client_config.h>
 #include <webdavconnect/operation_queue.h>
 #include <webdavconnect/webdav_connect.h>
 
+#include <chrono>
 #include <filesystem>
+#include <future>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
 // Who holds the lock while this program syncs (a host uses its device identifier).
 constexpr const char* kOwner = "host-sync-example";
+// The folder (and extension) of the to-do records this example writes.
+constexpr const char* kFolder = "tod";
 
 // Says which step failed and why; the sync stops there.
 int failed(const char* step, const std::optional<wdc::Error>& error) {
@@ -31,35 +37,76 @@ int failed(const char* step, const std::optional<wdc::Error>& error) {
   return 1;
 }
 
+// This device's new records: to-dos (extension "tod") in the "tod" folder, named by their
+// identifiers. The last one is a draft the sync deletes again.
+std::vector<std::shared_ptr<wdc::WebDAVFileContents>> newRecords() {
+  std::vector<std::shared_ptr<wdc::WebDAVFileContents>> records;
+  for (const char* title : {"Buy milk", "Call the bank", "Draft"}) {
+    auto meta = std::make_shared<wdc::WebDAVFileMetaData>();
+    meta->OpType = "1";
+    meta->ContainerUID = "inbox";
+    meta->ParentUID = "inbox";
+    meta->UID = "host-sync-" + std::to_string(getpid()) + "-" + std::to_string(records.size());
+    meta->Extension = kFolder;
+    auto payload = std::make_shared<wdc::PlistDictionary>();
+    payload->set("title", wdc::PlistValue(std::string(title)));
+    payload->set("created",
+                 wdc::PlistValue(wdc::Date::fromTimePoint(std::chrono::system_clock::now())));
+    records.push_back(std::make_shared<wdc::WebDAVFileContents>(meta, payload));
+  }
+  return records;
+}
+
 // What runs while this device holds the lock.
-int syncWhileLocked(wdc::WebDAVConnect& connection) {
-  (void)connection;
+int syncWhileLocked(const std::shared_ptr<wdc::WebDAVConnect>& connection) {
+  std::optional<wdc::Error> error;
+
+  // Send this device's changes as one batch. It retries what failed by itself and reports once,
+  // on the queue given; this thread waits for that.
+  const auto records = newRecords();
+  std::promise<std::optional<wdc::Error>> uploaded;
+  connection->uploadFileWithObjects(
+      records, 3, kFolder, connection->queueToUse,
+      [&uploaded](const auto& results, const std::optional<wdc::Error>& batchError) {
+        for (const auto& result : results) {
+          if (result->uploadError)
+            std::cerr << "not uploaded: " << result->uploadError->description() << "\n";
+        }
+        uploaded.set_value(batchError);
+      });
+  if (auto batchError = uploaded.get_future().get()) return failed("batch upload", batchError);
+  std::cout << "uploaded: " << records.size() << " records\n";
+
+  // The upload replaced each record's metadata with the stored one, which names its file.
+  const std::string draft = records.back()->FileMetaData->FilePath.value_or("");
+  if (!connection->deleteArbitraryFile(draft, kFolder, &error)) return failed("delete", error);
+  std::cout << "deleted: " << draft << "\n";
   return 0;
 }
 
 // The sync itself: every call blocks this thread, and answers arrive on `queueToUse`.
-int sync(wdc::WebDAVConnect& connection) {
+int sync(const std::shared_ptr<wdc::WebDAVConnect>& connection) {
   std::optional<wdc::Error> error;
 
-  std::optional<std::string> account = connection.getAccountUsername(&error);
+  std::optional<std::string> account = connection->getAccountUsername(&error);
   if (!account) return failed("account name", error);
   std::cout << "account: " << *account << "\n";
 
   // Another device's lock means it is syncing now: a host tries again later.
-  std::shared_ptr<wdc::WebDAVFileMetaData> current = connection.getCurrentLockFile(&error);
+  std::shared_ptr<wdc::WebDAVFileMetaData> current = connection->getCurrentLockFile(&error);
   if (error) return failed("current lock", error);
   if (current) {
     std::cout << "locked by " << current->UID.value_or("?") << " ("
               << current->FilePath.value_or("?") << "); try again later\n";
     return 1;
   }
-  std::shared_ptr<wdc::WebDAVFileMetaData> lock = connection.lockDirectory(kOwner, &error);
+  std::shared_ptr<wdc::WebDAVFileMetaData> lock = connection->lockDirectory(kOwner, &error);
   if (!lock) return failed("lock", error);
   std::cout << "locked: " << lock->FilePath.value_or("") << "\n";
 
   const int status = syncWhileLocked(connection);
   // The lock goes whatever happened in between, or other devices wait for it in vain.
-  if (!connection.unlockDirectory(lock->FilePath.value_or(""), &error)) {
+  if (!connection->unlockDirectory(lock->FilePath.value_or(""), &error)) {
     return failed("unlock", error);
   }
   std::cout << "unlocked\n";
@@ -103,7 +150,7 @@ int main(int argc, char** argv) {
     auto connection = wdc::WebDAVConnect::initWithConnectionType(wdc::kConnectionTypeDropbox,
                                                                  std::nullopt, std::nullopt);
     connection->queueToUse = std::make_shared<wdc::SerialQueue>("host_sync.dropbox.answers");
-    status = sync(*connection);
+    status = sync(connection);
     connection->removeAllResources();
     wdc::unlinkDropboxAccount();
   }

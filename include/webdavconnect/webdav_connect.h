@@ -102,8 +102,14 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // file that was not there gives false and leaves `error` untouched.
   bool deleteArbitraryFile(const std::optional<std::string>& name,
                            const std::optional<std::string>& inFolder, ErrorOut error = nullptr);
-  // Deletes everything the server's name search for `pattern` lists under `inFolder`, at any
-  // depth (partial name matches included, up to the search's result limit of 100), in one batch.
+  // Deletes, in one batch, what the server's name search for `pattern` lists under `inFolder`
+  // (any depth, partial name matches included, at most the search's 100 results). Search names
+  // each match by its whole lower-case path and that path is joined under `inFolder` again, so:
+  // with the root folder ("" or absent) every match is deleted; with a named folder the joined
+  // path ("Tasks" + "/tasks/a.tod" -> "/Tasks/tasks/a.tod") normally names nothing, nothing is
+  // deleted and the call still succeeds (entries not found do not fail a batch). Only a failed
+  // search is retried and reported in `error`; a failed batch gives false at once, `error`
+  // untouched.
   bool deleteFilesThatMatch(const std::string& pattern, const std::optional<std::string>& inFolder,
                             ErrorOut error = nullptr);
   // Deletes the folder `path` with everything in it. True only when the server confirms it.
@@ -122,6 +128,34 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
                                            bool canUseCachedResult);
 
   // -- Read path: downloads (src/core/public_download_operations.cpp)
+
+  // What an asynchronous download hands back: the contents, or none and the error.
+  using ContentsCompletion =
+      std::function<void(std::shared_ptr<WebDAVFileContents> contents, std::optional<Error> error)>;
+
+  // One record's metadata with its decoded payload (getContentsForDropboxFile in the retry loop).
+  std::shared_ptr<WebDAVFileContents> getContentsForFile(
+      const std::shared_ptr<WebDAVFileMetaData>& file, const std::optional<std::string>& inFolder,
+      ErrorOut error = nullptr);
+  // The object stored under `name` by uploadArbitraryFile (downloadArbitraryFileFromDropbox in the
+  // retry loop).
+  std::optional<PlistValue> downloadArbitraryFile(const std::optional<std::string>& name,
+                                                  const std::optional<std::string>& fromFolder,
+                                                  ErrorOut error = nullptr);
+  // Asynchronous record download: no cooldown wait or type test up front (the download itself
+  // waits for a slot and the cooldown). A retryable failure is tried again, up to
+  // `withRetryLimit` passes in all, on the shared retry queue (after the rate-limit delay for a
+  // 429, which also opens the shared cooldown). The connection is held weakly while a retry is
+  // pending: if it is gone by then, the completion gets the failed attempt's error. The
+  // completion runs exactly once, on `queueToUse` after a download or on the calling thread
+  // after a folder snapshot hit.
+  void getContentsForFile(const std::shared_ptr<WebDAVFileMetaData>& file,
+                          const std::optional<std::string>& inFolder, int64_t withRetryLimit,
+                          ContentsCompletion andCompletion);
+  // The same, with the rate-limit attempts earlier passes used (the short form passes 0).
+  void getContentsForFile(const std::shared_ptr<WebDAVFileMetaData>& file,
+                          const std::optional<std::string>& inFolder, int64_t withRetryLimit,
+                          int64_t rateLimitAttemptsUsed, ContentsCompletion andCompletion);
 
   // -- Write path: uploads and the retrying batch (src/core/public_write_operations.cpp)
 
@@ -291,9 +325,13 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // without a job id (even one the server completed at once) is "Could not delete files in
   // Dropbox" (400). Does not touch the connection's call state.
   std::optional<Error> deleteFilesAtPathsFromDropbox(const std::vector<std::string>& paths);
-  // Deletes, in one batch, what searchForMatchingFiles(`thatMatch`, `folder`) lists under
-  // `folder`. False when the search failed (call state untouched); otherwise records the batch's
-  // outcome as the connection's last call and returns whether it succeeded.
+  // searchForMatchingFiles(`thatMatch`, `folder`), then deleteFilesAtPathFromDropbox of the
+  // matches joined under `folder`. False when the search failed (its error in `error`, call state
+  // untouched); otherwise records the batch's outcome as the connection's last call and returns
+  // whether it succeeded, leaving `error` alone. Since matches carry whole paths, the root folder
+  // ("" or absent) deletes every match, while a named folder joins them into paths that normally
+  // name nothing ("Tasks" + "/tasks/a.tod" -> "/Tasks/tasks/a.tod"): nothing is deleted and the
+  // result is true, as entries not found do not fail a batch.
   bool deleteFilesThatMatchInDropbox(const std::optional<std::string>& folder,
                                      const std::string& thatMatch, ErrorOut error = nullptr);
 
@@ -336,7 +374,50 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
 
   // -- Folder snapshot download (src/dropbox/snapshot_download.cpp)
 
+  // Before a download from `folder`: when the folder is marked pending in the shared snapshot
+  // cache, fetches it as one ZIP (downloadDropboxZipForFolder), extracts and indexes it, and
+  // deletes the ZIP. May block for the whole fetch, or while another thread warms the folder.
+  // A ready, failed or unmarked folder returns at once. Failures are logged, never reported:
+  // downloads then go on per file.
+  void warmDropboxZipSnapshotIfNeededForFolder(const std::optional<std::string>& folder);
+  // files/download_zip of `folder` into "<temp>/WebDAVDropbox-<UUID>.zip", inside a download
+  // slot and after the cooldown. The ZIP's path, or nullopt after a logged warning (no linked
+  // account, too large, too many files, path, transport) with no file left behind.
+  std::optional<std::string> downloadDropboxZipForFolder(const std::optional<std::string>& folder);
+
   // -- Downloads and decoding (src/dropbox/download*.cpp)
+
+  // One record: from the folder's snapshot when it has the file (no request), otherwise
+  // files/download into "<temp>/<FilePath>.gz" and decoded. A 404 answer is not a failure here:
+  // the missing scratch file then fails to decode ("KavoWebDAV" 1800). Route errors path/not_found
+  // and path/not_file give "Dropbox" 404, other path lookups "Dropbox" 400. Takes no download
+  // slot and does not wait for the cooldown.
+  std::shared_ptr<WebDAVFileContents> getContentsForDropboxFile(
+      const std::shared_ptr<WebDAVFileMetaData>& file, const std::optional<std::string>& inFolder,
+      ErrorOut error = nullptr);
+  // The asynchronous form: snapshot first (completion on the calling thread), otherwise a
+  // download slot, the cooldown, and files/download into "<temp>/<lower-case FilePath>.gz" (so
+  // two names that differ only in case share a scratch file). The slot is given back before
+  // anything else happens to the answer. Every failure, a 404 included, reaches the completion.
+  void getContentsForDropboxFile(const std::shared_ptr<WebDAVFileMetaData>& file,
+                                 const std::optional<std::string>& inFolder,
+                                 ContentsCompletion andCompletion);
+  // Decodes a record payload file (a gzip stream, or a bare keyed archive; a ".gz" path is
+  // restored on disk first). Contents whose FileMetaData is `file` itself and whose FileContents
+  // is the archive's "data" (absent, logged, when the archive has none). An unreadable payload
+  // gives "KavoWebDAV" 1800.
+  std::shared_ptr<WebDAVFileContents> decodedDropboxContentsForFile(
+      const std::shared_ptr<WebDAVFileMetaData>& file, const std::string& atLocalPath,
+      ErrorOut error = nullptr);
+  // Decodes an arbitrary payload file the same way, without logging: the object under "data"
+  // (nullopt without error when there is none); an unreadable payload gives "Dropbox Sync" 100.
+  std::optional<PlistValue> decodedDropboxArbitraryDataAtLocalPath(const std::string& localPath,
+                                                                   ErrorOut error = nullptr);
+  // An object stored by uploadArbitraryFileToDropbox: snapshot first, otherwise files/download
+  // into "<temp>/<name>.gz" and decoded. No download slot, no cooldown wait.
+  std::optional<PlistValue> downloadArbitraryFileFromDropbox(
+      const std::optional<std::string>& name, const std::optional<std::string>& fromFolder,
+      ErrorOut error = nullptr);
 
   // -- Uploads (src/dropbox/upload*.cpp)
   // Each object is archived and gzipped into a scratch file in the Env's temporary directory
@@ -508,6 +589,9 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   void fetchDeltaPages(ErrorOut error, const std::optional<std::string>& usingCursor);
 
   // -- Fields of the downloads
+  // Records a download answer whose failure is not a plain request error (route errors that
+  // map to their own codes): success when `failure` is empty.
+  void recordDropboxDownloadOutcome(std::optional<Error> failure);
 
   // -- Fields of the write path (uploads)
   // The metadata the last single record upload made (its FileRev set once the store answered).

@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "dbx/content_hash.h"
 #include "platform/env.h"
 #include "platform/logger.h"
 
@@ -58,6 +59,30 @@ RawOutcome failed(DBRequestError error) {
   raw.classified.kind = ClassifiedResponse::Kind::kRequestError;
   raw.classified.requestError = std::move(error);
   return raw;
+}
+
+// A download whose body does not hash to the content hash its metadata states was damaged on
+// the way: it becomes a lost connection (retryable), and its scratch file goes.
+void checkContentHash(RawOutcome& raw, const std::string& route) {
+  if (raw.classified.kind != ClassifiedResponse::Kind::kResult) return;
+  const auto& value = raw.classified.value;
+  if (!value.is_object()) return;
+  const auto stated = value.find("content_hash");
+  if (stated == value.end() || !stated->is_string()) return;
+  const std::optional<std::string> actual =
+      raw.bodyFile ? contentHashOfFile(*raw.bodyFile) : contentHashOf(raw.body);
+  const std::string expected = stated->get<std::string>();  // a copy: classified is replaced below
+  if (actual == expected) return;
+  std::error_code ignored;
+  if (raw.bodyFile) std::filesystem::remove(*raw.bodyFile, ignored);
+  raw.body.clear();
+  raw.bodyFile.reset();
+  raw.classified = ClassifiedResponse{};
+  raw.classified.kind = ClassifiedResponse::Kind::kRequestError;
+  raw.classified.requestError = DBRequestError::transport(
+      kURLErrorNetworkConnectionLost,
+      fmt::format("{}: content hash mismatch (expected {}, got {})", route, expected,
+                  actual.value_or("unreadable body")));
 }
 
 bool isExpiredTokenAnswer(const RawOutcome& raw) {
@@ -187,6 +212,7 @@ void ClientCore::sendWithToken(RouteCall call, std::shared_ptr<CallHandle> handl
     raw.classified = classifyResponse(response, style);
     raw.body = std::move(response.body);
     raw.bodyFile = std::move(response.bodyFile);
+    if (call.verifyContentHash) checkContentHash(raw, call.route);
     bool hasRefreshToken;
     {
       std::lock_guard lock(self->mutex_);

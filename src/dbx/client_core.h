@@ -38,6 +38,9 @@ struct RouteCall {
   // Downloads to a file: the destination, written only once the whole answer has arrived.
   std::optional<std::filesystem::path> destination;
   bool overwrite = true;
+  // Downloads: check the body against the "content_hash" of the answer's metadata; a mismatch
+  // becomes a lost-connection request error, which callers retry.
+  bool verifyContentHash = false;
   // App-authenticated calls: "key:secret" for the Basic header.
   std::string appCredentials;
   std::function<void(uint64_t, uint64_t)> uploadProgress;

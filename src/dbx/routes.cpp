@@ -158,14 +158,16 @@ DBDownloadUrlTask<DBFILESFileMetadata, DBFILESDownloadError> DBFILESUserAuthRout
   RouteCall call = download("files/download", {{"path", path}});
   call.destination = destination;
   call.overwrite = overwrite;
+  call.verifyContentHash = true;
   return invoke<DBFILESFileMetadata, DBFILESDownloadError, std::filesystem::path>(
       core_, std::move(call));
 }
 
 DBDownloadDataTask<DBFILESFileMetadata, DBFILESDownloadError> DBFILESUserAuthRoutes::downloadData(
     const std::string& path) {
-  return invoke<DBFILESFileMetadata, DBFILESDownloadError, std::string>(
-      core_, download("files/download", {{"path", path}}));
+  RouteCall call = download("files/download", {{"path", path}});
+  call.verifyContentHash = true;
+  return invoke<DBFILESFileMetadata, DBFILESDownloadError, std::string>(core_, std::move(call));
 }
 
 DBDownloadUrlTask<DBFILESDownloadZipResult, DBFILESDownloadZipError>

@@ -1,9 +1,4 @@
-// Deleting by name pattern: whatever the server's search lists under a folder goes in one batch.
-#include <fmt/format.h>
-
-#include "dropbox/folders.h"
-#include "platform/logger.h"
-#include "util/unicode_case.h"
+// Deleting by name pattern: whatever the server's search lists for a folder goes in one batch.
 #include "webdavconnect/webdav_connect.h"
 
 namespace wdc {
@@ -14,25 +9,14 @@ bool WebDAVConnect::deleteFilesThatMatchInDropbox(const std::optional<std::strin
       searchForMatchingFiles(thatMatch, folder, std::string(), error);
   if (!matches) return false;
 
-  // Search answers with whole lower-case paths, so they are deleted as they stand (joining them
-  // to the folder again would name files that do not exist). Anything the server lists outside
-  // the folder is left alone: only what lies under it may go.
-  const std::string folderLower = lowercaseUnicode(getResolvedDropboxFolderPath(folder));
-  std::vector<std::string> paths;
-  for (const auto& match : *matches) {
-    const std::string& path = *match->FilePath;
-    if (!folderLower.empty() && folderLower != "/" && path.rfind(folderLower + "/", 0) != 0) {
-      log::warning(fmt::format("[DROPBOX] deleteFilesThatMatch: not deleting {}, outside {}", path,
-                               folderLower));
-      continue;
-    }
-    paths.push_back(path);
-  }
-  const std::optional<Error> failure = deleteFilesAtPathsFromDropbox(paths);
+  // Each match's path is joined under the folder, as every record delete names its file. Search
+  // answers with whole paths, so this names the matches themselves only for the root folder;
+  // under a named folder the joined paths normally name nothing (see the header).
+  const std::optional<Error> failure = deleteFilesAtPathFromDropbox(*matches, folder);
+  // The batch's outcome is the connection's last call; the caller's error holds only what the
+  // search reported, so the public operation does not retry a failed batch.
   lastAsyncError_ = failure;
   asyncCallWasSuccessful_ = !failure.has_value();
-  // Hand the batch's failure to the caller too, so a throttled or failed batch is retried.
-  checkIfRequestFailed(error);
   return !failure.has_value();
 }
 

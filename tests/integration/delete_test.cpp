@@ -1,5 +1,6 @@
 // Deletes against the emulator: single files, polled batches with the per-entry rules, failed
 // and at-once jobs, deletes by search pattern, and the public operations' retries.
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "lock_fixture.h"
@@ -11,10 +12,12 @@ namespace {
 using namespace std::chrono_literals;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr const char* kBatch = "files/delete_batch";
 constexpr const char* kCheck = "files/delete_batch/check";
+constexpr const char* kSearch = "files/search_v2";
 
 class Deletes : public LockAndDeleteTest {
  protected:
@@ -213,44 +216,106 @@ TEST_F(Deletes, ATransportFailureWhilePollingKeepsItsDomainWithCodeZero) {
   EXPECT_TRUE(failure->userInfo().find(kErrorContentKey));
 }
 
-TEST_F(Deletes, APatternDeleteRemovesEveryMatchUnderTheFolderAndNothingElse) {
+TEST_F(Deletes, ARootPatternDeleteRemovesEveryMatchAtAnyDepthAndNothingSearchDidNotList) {
+  for (const std::optional<std::string>& root :
+       {std::optional<std::string>(), std::optional<std::string>("")}) {
+    SCOPED_TRACE(root ? "empty folder" : "no folder");
+    put("/o_0.tod");
+    put("/Tasks/o_1.tod");
+    put("/Tasks/Sub/o_2.tod");
+    put("/Tasks/keep.txt");
+    put("/Other/o_3.cal");
+    std::optional<Error> error;
+    EXPECT_TRUE(connection_->deleteFilesThatMatch("tod", root, &error));
+    EXPECT_NO_WDC_ERROR(error);
+    EXPECT_THAT(emulator_->listPaths(),
+                ElementsAre("/Other", "/Other/o_3.cal", "/Tasks", "/Tasks/keep.txt", "/Tasks/Sub"));
+  }
+}
+
+TEST_F(Deletes, ARootPatternDeleteLeavesWhatLiesPastTheSearchLimit) {
+  // Search lists at most 100 matches, by lower-cased path; the 101st is not deleted.
+  for (int i = 0; i <= 100; ++i) put(fmt::format("/Tasks/o_{:03}.tod", i));
+  std::optional<Error> error;
+  EXPECT_TRUE(connection_->deleteFilesThatMatch("tod", std::nullopt, &error));
+  EXPECT_NO_WDC_ERROR(error);
+  EXPECT_THAT(emulator_->listPaths(), ElementsAre("/Tasks", "/Tasks/o_100.tod"));
+}
+
+TEST_F(Deletes, ANamedFolderPatternDeleteJoinsTheWholePathsUnderTheFolderAgain) {
   put("/Tasks/o_1.tod");
   put("/Tasks/Sub/o_2.tod");
-  put("/Tasks/keep.txt");
-  put("/Other/o_3.tod");
-  put("/TasksArchive/o_4.tod");
   std::optional<Error> error;
+  // "/tasks/o_1.tod" becomes "/Tasks/tasks/o_1.tod", which is not there: nothing goes, and that
+  // is no failure.
   EXPECT_TRUE(connection_->deleteFilesThatMatch("tod", "Tasks", &error));
   EXPECT_NO_WDC_ERROR(error);
-  EXPECT_THAT(emulator_->listPaths(),
-              ElementsAre("/Other", "/Other/o_3.tod", "/Tasks", "/Tasks/keep.txt", "/Tasks/Sub",
-                          "/TasksArchive", "/TasksArchive/o_4.tod"));
+  EXPECT_TRUE(exists("/Tasks/o_1.tod"));
+  EXPECT_TRUE(exists("/Tasks/Sub/o_2.tod"));
+  EXPECT_EQ(emulator_->requestCount(kBatch), 1u);
+
+  // Where the joined path does name a file, that file is what goes, not the match.
+  put("/Tasks/tasks/o_1.tod");
+  EXPECT_TRUE(connection_->deleteFilesThatMatchInDropbox("Tasks", "tod", &error));
+  EXPECT_NO_WDC_ERROR(error);
+  EXPECT_TRUE(exists("/Tasks/o_1.tod"));
+  EXPECT_TRUE(exists("/Tasks/Sub/o_2.tod"));
+  EXPECT_FALSE(exists("/Tasks/tasks/o_1.tod"));
 }
 
 TEST_F(Deletes, APatternDeleteWhoseSearchFailsDeletesNothing) {
   put("/Tasks/o_1.tod");
-  failNext("files/search_v2", emu::FaultKind::kInternalError, 1);
+  failNext(kSearch, emu::FaultKind::kInternalError, 1);
   std::optional<Error> error;
-  EXPECT_FALSE(connection_->deleteFilesThatMatchInDropbox("Tasks", "tod", &error));
+  EXPECT_FALSE(connection_->deleteFilesThatMatchInDropbox(std::nullopt, "tod", &error));
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code(), 500);
   EXPECT_EQ(emulator_->requestCount(kBatch), 0u);
   EXPECT_TRUE(exists("/Tasks/o_1.tod"));
 }
 
-TEST_F(Deletes, APatternDeleteReportsAndRetriesAFailedBatch) {
+TEST_F(Deletes, APatternDeleteRetriesAFailedSearch) {
   put("/Tasks/o_1.tod");
-  failNext(kCheck, emu::FaultKind::kInternalError, 1);
+  failNext(kSearch, emu::FaultKind::kInternalError, 1);
   log::CaptureLog log;
   std::optional<Error> error;
-  EXPECT_TRUE(connection_->deleteFilesThatMatch("tod", "Tasks", &error));
+  EXPECT_TRUE(connection_->deleteFilesThatMatch("tod", std::nullopt, &error));
   EXPECT_NO_WDC_ERROR(error);
   EXPECT_FALSE(exists("/Tasks/o_1.tod"));
+  EXPECT_EQ(emulator_->requestCount(kSearch), 2u);
   EXPECT_THAT(sleptSeconds(), ElementsAre(0.5));
-  EXPECT_THAT(log.messages(log::Level::kError),
-              Contains(StartsWith("[DROPBOX] delete files ERROR: ")));
   EXPECT_THAT(log.messages(log::Level::kDebug),
               Contains(StartsWith("[DROPBOX] ERROR, WILL RETRY deleteFilesMatching: ")));
+}
+
+TEST_F(Deletes, APatternDeleteWhoseBatchFailsIsFalseAfterOneAttemptWithoutAnError) {
+  struct Case {
+    const char* route;
+    emu::FaultKind kind;
+    const char* name;
+  };
+  for (const Case& c : {Case{kCheck, emu::FaultKind::kInternalError, "500 while polling"},
+                        Case{kCheck, emu::FaultKind::kTooManyRequests, "429 while polling"},
+                        Case{kBatch, emu::FaultKind::kUnavailable, "503 at launch"},
+                        Case{kBatch, emu::FaultKind::kTooManyRequests, "429 at launch"}}) {
+    SCOPED_TRACE(c.name);
+    emulator_->resetRequestCounts();
+    put("/Tasks/o_1.tod");
+    failNext(c.route, c.kind, 1, 1);
+    log::CaptureLog log;
+    std::optional<Error> error;
+    // The failure is left on the connection, not handed to the caller: no retry, nothing to read.
+    EXPECT_FALSE(connection_->deleteFilesThatMatch("tod", std::nullopt, &error));
+    EXPECT_NO_WDC_ERROR(error);
+    EXPECT_EQ(emulator_->requestCount(kSearch), 1u);
+    EXPECT_EQ(emulator_->requestCount(kBatch), 1u);
+    EXPECT_TRUE(env_.sleeps().empty());
+    EXPECT_THAT(log.messages(log::Level::kError),
+                Contains(StartsWith("[DROPBOX] ERROR ----> Batch deletion failed: ")));
+    EXPECT_THAT(log.messages(log::Level::kError),
+                Not(Contains(StartsWith("[DROPBOX] delete files ERROR: "))));
+    emulator_->clearFaults();
+  }
 }
 
 }  // namespace
