@@ -5,6 +5,10 @@
 //   (c) the official Python SDK listing, downloading with 4 threads and decoding the same records;
 //   floor: one ZIP transfer, its extraction and the decoding of every record, timed alone.
 // Each contender connects before its clock starts; the fast ones run several rounds, best counts.
+// Extraction writes one file per record into the temporary directory (TMPDIR), so the file
+// system decides much of (a) and the floor: on a disk where creating a file costs milliseconds,
+// run with TMPDIR on a tmpfs (e.g. TMPDIR=/dev/shm), as the host's temp dir usually is.
+// WDC_BENCH_PHASES=1 prints the floor's phases (ZIP, extraction, decoding) to standard error.
 // Usage: bench_dropbox_read [RECORDS] [SLOW_ROUNDS]
 #include <fmt/format.h>
 
@@ -16,6 +20,7 @@
 #include <future>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "dbx/clients_manager.h"
@@ -143,9 +148,11 @@ double runFloor(int records) {
         answer.set_value(result != nullptr);
       });
   if (!answer.get_future().get()) return -1;
+  const double fetched = now();
   std::string extraction;
   wdc::WebDAVZipPayloadIndex index;
   if (!cache.extractZipAtPath(zip.string(), kFolder, &extraction, &index)) return -1;
+  const double extracted = now();
   int good = 0;
   for (const auto& [name, path] : index) {
     std::ifstream in(path, std::ios::binary);
@@ -154,6 +161,10 @@ double runFloor(int records) {
     if (data && data->isDictionary() && data->asDictionary().find("title") != nullptr) ++good;
   }
   const double elapsed = now() - start;
+  if (std::getenv("WDC_BENCH_PHASES") != nullptr) {
+    std::fprintf(stderr, "floor phases: zip %.3f s, extract %.3f s, decode %.3f s\n",
+                 fetched - start, extracted - fetched, now() - extracted);
+  }
   std::error_code ignored;
   std::filesystem::remove_all(extraction, ignored);
   std::filesystem::remove(zip, ignored);
@@ -262,6 +273,14 @@ int main(int argc, char** argv) {
   std::printf("Pull %d records of ~1 KB from one folder, %u ms added per request (best of %d/%d "
               "rounds)\n",
               records, kLatencyMs, kFastRounds, slowRounds);
+  double load = 0;
+  if (FILE* loadavg = std::fopen("/proc/loadavg", "r")) {
+    if (std::fscanf(loadavg, "%lf", &load) != 1) load = 0;
+    std::fclose(loadavg);
+  }
+  std::printf("temporary directory %s; load average %.1f on %u cores\n",
+              wdc::Env::real().temporaryDirectory().c_str(), load,
+              std::thread::hardware_concurrency());
   std::printf("%-44s %11s %16s %11s %11s\n", "", "time", "throughput", "x of SDK", "of floor");
   printRow("(a) folder snapshot (getContentsForFile)", a, c, f, records);
   printRow("(b) per file, async getContentsForFile, 4 slots", b, c, f, records);

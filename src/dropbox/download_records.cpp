@@ -95,6 +95,7 @@ std::shared_ptr<WebDAVFileContents> WebDAVConnect::getContentsForDropboxFile(
 void WebDAVConnect::getContentsForDropboxFile(const std::shared_ptr<WebDAVFileMetaData>& file,
                                               const std::optional<std::string>& inFolder,
                                               ContentsCompletion andCompletion) {
+  if (!andCompletion) andCompletion = [](auto, auto) {};  // the answer is still awaited
   const std::string fileName = file ? file->FilePath.value_or("") : "";
   warmDropboxZipSnapshotIfNeededForFolder(inFolder);
   if (auto extracted = snapshotPayloadPath(fileName, inFolder)) {
