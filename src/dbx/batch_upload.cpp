@@ -19,8 +19,8 @@ namespace {
 
 // Sessions are independent until the commit, and a record's session is one short request whose
 // time is mostly the round trip: with only 4 at a time a batch of small records moved no faster
-// than 4 blocking uploads in a row. Over HTTP/2 these share one connection.
-constexpr std::size_t kFilesInFlight = 16;
+// than 4 blocking uploads in a row (bench/dropbox_write). Over HTTP/2 they share one connection.
+constexpr std::size_t kFilesInFlight = 32;
 constexpr int kRateLimitRetries = 4;
 constexpr auto kPollInterval = std::chrono::milliseconds(250);
 
