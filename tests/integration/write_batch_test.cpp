@@ -227,6 +227,20 @@ INSTANTIATE_TEST_SUITE_P(
                       emu::FaultKind::kTooManyRequests, 15}),
     [](const testing::TestParamInfo<RateLimitCase>& param) { return param.param.name; });
 
+TEST_F(BatchUpload, TheHostReadsBackWhatItUploadedThroughItsOwnDownload) {
+  auto connection = newConnection();
+  auto objects = records(5);
+  auto outcome = uploadBatch(connection, objects, 3);
+  ASSERT_FALSE(outcome.error) << outcome.error->description();
+  ASSERT_THAT(outcome.results, SizeIs(5));
+  for (const auto& result : outcome.results) {
+    std::optional<Error> error;
+    auto read = connection->getContentsForFile(result->fileContents->FileMetaData, "tod", &error);
+    ASSERT_TRUE(read && read->FileContents) << (error ? error->description() : "no contents");
+    EXPECT_EQ(*read->FileContents, *result->fileContents->FileContents);
+  }
+}
+
 TEST_F(BatchUpload, TwoItemsWithOneStoredNameLeaveTheLastOnesPayloadWhole) {
   // Scratch files are prepared on several threads; items sharing a name share a scratch file and
   // must still go one after another, so the last one wins and nothing half-written goes up.

@@ -200,6 +200,15 @@ TEST_F(SingleUpload, ArbitraryObjectIsStoredByNameAndItsScratchFileRemoved) {
               testing::Not(Contains(StartsWith("[DROPBOX] Copying file"))));
 }
 
+TEST_F(SingleUpload, AnArbitraryObjectComesBackThroughTheHostsDownload) {
+  auto connection = newConnection();
+  const PlistValue devices(PlistValue::Array{PlistValue("iPhone"), PlistValue(Date{12.25})});
+  std::optional<Error> error;
+  ASSERT_TRUE(connection->uploadArbitraryFile("devices", devices, "meta", &error));
+  EXPECT_EQ(connection->downloadArbitraryFile("devices", "meta", &error), devices);
+  EXPECT_FALSE(error);
+}
+
 TEST_F(SingleUpload, ArbitraryUploadOfNothingFailsAtOnceWithoutAnError) {
   auto connection = newConnection();
   std::optional<Error> error;
