@@ -75,6 +75,13 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   // Each waits out the shared cooldown, requires connection type 3 (it keeps polling otherwise),
   // calls its Dropbox backend operation and retries a retryable failure: at most 10 attempts,
   // 0.5 s apart, or the rate-limit delay after a 429. The error is written only on failure.
+  //
+  // Threads: every operation that returns a result blocks the calling thread until the store has
+  // answered (sleeping between attempts): call it from a host background thread, never on
+  // `queueToUse`, where the client delivers its answers, and one at a time per connection. The
+  // asynchronous forms (getContentsForFile with a retry limit, uploadFileWithObjects) return
+  // without waiting for the store and run their completion exactly once, on the thread their
+  // comment names; their retries run later on the shared retry queue.
 
   // The linked account's display name.
   std::optional<std::string> getAccountUsername(ErrorOut error = nullptr);

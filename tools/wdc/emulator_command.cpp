@@ -20,6 +20,7 @@ struct EmulatorCommandOptions {
   std::vector<std::string> refreshTokens;
   std::vector<std::string> oauth1Tokens;
   uint32_t accessTokenLifetime = 14'400;
+  uint64_t searchIndexDelayMs = 0;
 };
 
 int runEmulator(EmulatorCommandOptions& options) {
@@ -35,6 +36,7 @@ int runEmulator(EmulatorCommandOptions& options) {
   }
   if (!options.mirror.empty()) options.emulator.mirrorDirectory = options.mirror;
   options.emulator.accessTokenLifetime = std::chrono::seconds(options.accessTokenLifetime);
+  options.emulator.searchIndexDelay = std::chrono::milliseconds(options.searchIndexDelayMs);
 
   // Block the stop signals before any server thread exists, so only sigwait below sees them.
   sigset_t stopSignals;
@@ -84,7 +86,8 @@ void registerEmulatorCommand(CLI::App& app) {
   command->add_option("--port", options->emulator.port, "Port; 0 picks a free one")->default_val(0);
   command
       ->add_option("--fault", options->faults,
-                   "ROUTE:KIND[:ARG][@P][#N]; KIND 429|429w|500|503|drop|truncate|reset|latency")
+                   "ROUTE:KIND[:ARG][@P][#N]; KIND 429|429w|500|503|drop|truncate|corrupt|reset|"
+                   "latency|toomanyfiles")
       ->take_all();
   command->add_option("--fault-seed", options->emulator.faultSeed, "Seed of the fault draws");
   command->add_option("--latency-ms", options->emulator.latencyMs, "Added to every request");
@@ -95,6 +98,10 @@ void registerEmulatorCommand(CLI::App& app) {
                       "download_zip size limit (too_large)");
   command->add_option("--batch-check-polls", options->emulator.batchCheckPolls,
                       "in_progress answers before a batch job completes");
+  command->add_flag("--delete-batch-at-once", options->emulator.deleteBatchCompletesAtOnce,
+                    "delete_batch answers complete at once, without a job to poll");
+  command->add_option("--search-index-delay-ms", options->searchIndexDelayMs,
+                      "A new file is found by search only after this long");
   command->add_option("--app-key", options->emulator.appKey, "App key for the token routes");
   command->add_option("--app-secret", options->emulator.appSecret,
                       "App secret for the token routes");
