@@ -77,6 +77,14 @@ int syncWhileLocked(const std::shared_ptr<wdc::WebDAVConnect>& connection) {
   if (auto batchError = uploaded.get_future().get()) return failed("batch upload", batchError);
   std::cout << "uploaded: " << records.size() << " records\n";
 
+  // Read one back as another device would: metadata in, metadata and decoded payload out.
+  std::shared_ptr<wdc::WebDAVFileContents> first =
+      connection->getContentsForFile(records.front()->FileMetaData, kFolder, &error);
+  if (!first) return failed("download", error);
+  const wdc::PlistValue* title = first->FileContents ? first->FileContents->find("title") : nullptr;
+  if (title == nullptr || !title->isString()) return failed("download (no title)", std::nullopt);
+  std::cout << "downloaded: " << title->asString() << "\n";
+
   // The upload replaced each record's metadata with the stored one, which names its file.
   const std::string draft = records.back()->FileMetaData->FilePath.value_or("");
   if (!connection->deleteArbitraryFile(draft, kFolder, &error)) return failed("delete", error);

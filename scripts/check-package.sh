@@ -73,7 +73,10 @@ done
 [ -n "$url" ] || fail "wdc emulator did not start within 10 s"
 timeout 60 "$work/example/host_sync" "$url" "$work/emulator.pem" "$token" > "$work/sync.out" 2>&1 ||
   fail "host_sync exited $?: $(tail -20 "$work/sync.out")"
-grep -q '^sync done$' "$work/sync.out" || fail "host_sync did not finish: $(cat "$work/sync.out")"
+for line in '^account: ' '^locked: ' '^uploaded: 3 records$' '^downloaded: Buy milk$' '^deleted: ' \
+            '^unlocked$' '^sync done$'; do
+  grep -q "$line" "$work/sync.out" || fail "host_sync printed no '$line': $(cat "$work/sync.out")"
+done
 sed 's/^/  /' "$work/sync.out"
 # A second sync finds no lock: the first one let go of it.
 timeout 60 "$work/example/host_sync" "$url" "$work/emulator.pem" "$token" > "$work/sync2.out" 2>&1 ||
