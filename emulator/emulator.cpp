@@ -399,6 +399,11 @@ bool Emulator::createFolder(std::string_view path) {
   return impl_->store.createFolder(path, false, impl_->now()).entry != nullptr;
 }
 
+void Emulator::omitClientModifiedInListings(std::string_view path) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->listedWithoutClientModified.insert(Store::lowerPath(path));
+}
+
 bool Emulator::removePath(std::string_view path) {
   std::lock_guard lock(impl_->mutex);
   return impl_->store.remove(path).has_value();

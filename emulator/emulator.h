@@ -193,6 +193,10 @@ class Emulator {
       std::string_view path, std::string_view contents,
       std::optional<std::chrono::system_clock::time_point> clientModified = std::nullopt);
   bool createFolder(std::string_view path);
+  // From now on list_folder and list_folder/continue show the file at `path` without its
+  // client_modified (which Dropbox always sends), so clients can test how they treat such an
+  // entry. Other routes are unaffected.
+  void omitClientModifiedInListings(std::string_view path);
   // Removes a file or a folder with everything below it; false when nothing is there.
   bool removePath(std::string_view path);
   [[nodiscard]] std::optional<std::string> readFile(std::string_view path) const;

@@ -97,6 +97,8 @@ struct Emulator::Impl {
   uint64_t zipMaxBytes;
   uint64_t tokenCounter = 0;
   std::map<std::string, CursorState, std::less<>> cursors;
+  // Lower-cased paths whose listing entries leave client_modified out.
+  std::set<std::string, std::less<>> listedWithoutClientModified;
   uint64_t cursorCounter = 0;
   std::map<std::string, UploadSession, std::less<>> sessions;
   uint64_t sessionCounter = 0;

@@ -11,7 +11,11 @@ namespace {
 // Renders one path as it is now: live entries as file/folder, gone ones as deleted.
 Json renderPath(const Emulator::Impl& impl, const std::string& lower,
                 const std::map<std::string, std::string>& deletedDisplay) {
-  if (const StoredEntry* entry = impl.store.find(lower)) return entryJson(*entry, true);
+  if (const StoredEntry* entry = impl.store.find(lower)) {
+    Json json = entryJson(*entry, true);
+    if (impl.listedWithoutClientModified.count(lower) != 0) json.erase("client_modified");
+    return json;
+  }
   const auto it = deletedDisplay.find(lower);
   return deletedJson(it != deletedDisplay.end() ? it->second : lower);
 }

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,6 +26,7 @@
 namespace wdc {
 
 namespace dbx {
+class DBFILESMetadata;
 struct DBRequestError;
 class DBUserClient;
 class DBFILESMetadata;
@@ -114,6 +116,16 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   bool deleteFolder(const std::optional<std::string>& path, ErrorOut error = nullptr);
 
   // -- Read path: delta listing (src/core/public_delta_operations.cpp)
+
+  // The record files of `fromPath` (and, when given, of one extension) from the change feed:
+  // getDeltaFileListFromDropbox inside the retry loop. A retried fetch starts again from
+  // `usingCursor`, so a failure in the middle of a listing loses and repeats nothing. Absent on
+  // failure; an empty list is a success.
+  std::optional<FileList> getDeltaFileList(ErrorOut error,
+                                           const std::optional<std::string>& fromPath,
+                                           const std::optional<std::string>& usingCursor,
+                                           const std::optional<std::string>& withExtension,
+                                           bool canUseCachedResult);
 
   // -- Read path: downloads (src/core/public_download_operations.cpp)
 
@@ -325,7 +337,40 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
 
   // -- Delta listing (src/dropbox/delta_listing*.cpp)
 
+  // With `canUseCachedResult` false (a fetch): empties the process-wide folder snapshot cache,
+  // pulls the whole change feed of the app folder (files/list_folder of the root, recursive, 1,000
+  // entries a page, then list_folder/continue while the server has more; with `usingCursor` it
+  // continues from there), keeps every entry as this connection's cache, records which of the six
+  // record extensions occur, leaves the last cursor in `dropboxDeltaCursor`, and marks the record
+  // folders that hold enough files for a folder snapshot. A cursor the server resets is answered
+  // by starting over once; a second reset in the same fetch leaves `shouldResetLocalData` true
+  // for the host.
+  // With `canUseCachedResult` true: answers from the last fetch's cache without any request, and
+  // at once with an empty list for an extension the last fetch did not see.
+  // Either way the answer holds the record files directly in `fromPath` (compared, as given,
+  // with the server's lower-case paths: a folder named with capitals matches nothing; an empty
+  // path matches nothing), of `withExtension` when given, in the server's order; entries that are
+  // not record names, hold a blank, or lie in a sub-folder are skipped. Deleted entries and op
+  // type "d" come back with DeletedFromDropbox set. Records carry FilePath (the lower-case name),
+  // the identifiers of the name (DeviceUDID is "" when the name has a device field, absent
+  // otherwise), FileRev and the client-modified date.
+  // Absent on failure: a request error of any page; a failure still recorded on the connection
+  // from its last request (also for a cache-only call); a file entry without client-modified
+  // date ("Dropbox Sync" 100). Entries fetched before a failure stay cached.
+  std::optional<FileList> getDeltaFileListFromDropbox(ErrorOut error,
+                                                      const std::optional<std::string>& fromPath,
+                                                      const std::optional<std::string>& usingCursor,
+                                                      const std::optional<std::string>& withExtension,
+                                                      bool canUseCachedResult);
+
   // -- Folder snapshot marking (src/dropbox/snapshot_marking.cpp)
+
+  // Counts the file entries (folders and deleted entries do not count) per parent folder name,
+  // for the six record folders ("tod", "col", "cal", "cat", "cag", "loc", whatever lies above
+  // them), and marks each counted folder pending in the process-wide snapshot cache; the cache
+  // ignores folders with fewer than 25 files. Only the bare folder name is marked. Any thread.
+  static void markDropboxZipSnapshotFoldersFromEntries(
+      const std::vector<std::shared_ptr<const dbx::DBFILESMetadata>>& entries);
 
   // -- Folder snapshot download (src/dropbox/snapshot_download.cpp)
 
@@ -530,6 +575,18 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   std::optional<FileList> arrSearchMetaDatas_;
 
   // -- Fields of the delta listing
+  // The last answer's has_more.
+  bool hasMoreDeltaChanges_ = false;
+  // Every entry of the last fetch, in arrival order; absent before the first fetch and after
+  // removeAllResources.
+  std::optional<std::vector<std::shared_ptr<const dbx::DBFILESMetadata>>> arrDropboxDeltaTuples_;
+  // For each record extension, whether the last fetch saw an entry with it.
+  std::map<std::string, bool, std::less<>> dictDoesContainDeltaForExtension_;
+  // Directory-change scratch of the listing; dropped between syncs with the rest.
+  std::optional<FileList> arrDeltaDirectoryChanges_;
+  // The network pass of a fetch: every page into arrDropboxDeltaTuples_. A failed page ends it,
+  // leaving its error on the connection.
+  void fetchDeltaPages(ErrorOut error, const std::optional<std::string>& usingCursor);
 
   // -- Fields of the downloads
   // Records a download answer whose failure is not a plain request error (route errors that

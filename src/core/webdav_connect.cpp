@@ -23,6 +23,8 @@ WebDAVConnect::~WebDAVConnect() {
 
 void WebDAVConnect::removeAllResources() {
   WebDAVDropboxZipSnapshot::sharedSnapshot().reset();
+  arrDeltaDirectoryChanges_.reset();
+  arrDropboxDeltaTuples_.reset();
   arrDropboxFilePathsForDirectory_.reset();
   arrSearchMetaDatas_.reset();
 }

@@ -67,6 +67,15 @@ bool getTimestamp(const Json& object, std::string_view key, DBTimestamp& out) {
   return true;
 }
 
+bool getOptTimestamp(const Json& object, std::string_view key, std::optional<DBTimestamp>& out) {
+  out.reset();
+  if (field(object, key) == nullptr) return true;
+  DBTimestamp parsed;
+  if (!getTimestamp(object, key, parsed)) return false;
+  out = parsed;
+  return true;
+}
+
 // The ".tag" of a union value. Requests may use a bare string for void members; answers from
 // the server always use the object form, but both are accepted.
 std::optional<std::string> tagOf(const Json& value) {
@@ -256,7 +265,7 @@ bool decode(const Json& value, DBUSERSFullAccount& out) {
 
 bool decode(const Json& value, DBFILESFileMetadata& out) {
   return decodeCommon(value, out) && getString(value, "id", out.id) &&
-         getTimestamp(value, "client_modified", out.clientModified) &&
+         getOptTimestamp(value, "client_modified", out.clientModified) &&
          getTimestamp(value, "server_modified", out.serverModified) &&
          getString(value, "rev", out.rev) && getUInt(value, "size", out.size) &&
          getBool(value, "is_downloadable", out.isDownloadable, true) &&

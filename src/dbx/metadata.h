@@ -45,8 +45,10 @@ class DBFILESFileMetadata final : public DBFILESMetadata {
  public:
   [[nodiscard]] Kind kind() const override { return Kind::kFile; }
   std::string id;
-  // Required on the wire; decoding fails without them.
-  DBTimestamp clientModified;
+  // The API always sends it, but an entry without one decodes with it absent, so that a listing
+  // can fail on that one entry with its own error instead of refusing the whole page.
+  std::optional<DBTimestamp> clientModified;
+  // Required on the wire; decoding fails without it.
   DBTimestamp serverModified;
   std::string rev;
   uint64_t size = 0;

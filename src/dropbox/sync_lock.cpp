@@ -100,8 +100,9 @@ std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::getCurrentDropboxLockFile(Err
   auto lock = std::make_shared<WebDAVFileMetaData>();
   lock->FilePath = name;
   lock->UID = name.substr(0, name.find('_'));
-  if (const dbx::DBFILESFileMetadata* file = entry->asFile()) {
-    lock->ModificationDate = Date::fromTimePoint(file->clientModified);
+  const dbx::DBFILESFileMetadata* file = entry->asFile();
+  if (file != nullptr && file->clientModified) {
+    lock->ModificationDate = Date::fromTimePoint(*file->clientModified);
     lock->ModificationDateAbsolute = lock->ModificationDate->unixSeconds();
   }
   return lock;

@@ -31,17 +31,27 @@ TEST(DbxDecoders, ListFolderResultKeepsEntryKindsAndOrder) {
   EXPECT_EQ(file->pathLower, "/notes/report.txt");
   EXPECT_EQ(file->rev, "0163c5d2f1a400000002a7e3c91");
   EXPECT_EQ(file->size, 120u);
-  EXPECT_EQ(formatTimestamp(file->clientModified), "2024-05-01T12:30:05Z");
+  ASSERT_TRUE(file->clientModified);
+  EXPECT_EQ(formatTimestamp(*file->clientModified), "2024-05-01T12:30:05Z");
   EXPECT_TRUE(result->entries[2]->isDeleted());
   EXPECT_EQ(result->entries[2]->asFile(), nullptr);
   EXPECT_EQ(result->cursor, "AAGv");
   EXPECT_TRUE(result->hasMore);
 }
 
+TEST(DbxDecoders, AFileEntryWithoutClientModifiedKeepsTheDateAbsent) {
+  auto result = json::decodeText<DBFILESListFolderResult>(listing(
+      R"({".tag": "file", "name": "a", "path_lower": "/a", "id": "id:1", "server_modified": "2024-05-01T12:30:07Z", "rev": "0123456789", "size": 1})"));
+  ASSERT_TRUE(result);
+  ASSERT_EQ(result->entries.size(), 1u);
+  ASSERT_NE(result->entries[0]->asFile(), nullptr);
+  EXPECT_FALSE(result->entries[0]->asFile()->clientModified);
+}
+
 TEST(DbxDecoders, RefusesAnswersOfTheWrongShape) {
   const std::string bad[] = {
-      // a file entry without client_modified
-      listing(R"({".tag": "file", "name": "a", "id": "id:1", "server_modified": "2024-05-01T12:30:07Z", "rev": "0123456789", "size": 1})"),
+      // a file entry with a client_modified that is not a timestamp
+      listing(R"({".tag": "file", "name": "a", "id": "id:1", "client_modified": "yesterday", "server_modified": "2024-05-01T12:30:07Z", "rev": "0123456789", "size": 1})"),
       // size as a string, negative size
       listing(R"({".tag": "file", "name": "a", "id": "id:1", "client_modified": "2024-05-01T12:30:07Z", "server_modified": "2024-05-01T12:30:07Z", "rev": "0123456789", "size": "1"})"),
       listing(R"({".tag": "file", "name": "a", "id": "id:1", "client_modified": "2024-05-01T12:30:07Z", "server_modified": "2024-05-01T12:30:07Z", "rev": "0123456789", "size": -1})"),
