@@ -49,6 +49,20 @@ std::vector<std::shared_ptr<wdc::WebDAVFileContents>> newRecords() {
 int syncWhileLocked(const std::shared_ptr<wdc::WebDAVConnect>& connection) {
   std::optional<wdc::Error> error;
 
+  // Take what other devices wrote: the folder's change feed from the cursor the last sync left
+  // (none here, so every record), then each record's payload.
+  std::optional<wdc::FileList> changes = connection->getDeltaFileList(
+      &error, kFolder, connection->dropboxDeltaCursor, kFolder, /*canUseCachedResult=*/false);
+  if (!changes) return failed("delta listing", error);
+  for (const std::shared_ptr<wdc::WebDAVFileMetaData>& file : *changes) {
+    if (file->DeletedFromDropbox) continue;  // a host drops its own copy
+    auto contents = connection->getContentsForFile(file, kFolder, &error);
+    if (!contents || !contents->FileContents) return failed("download", error);
+    const wdc::PlistValue* title = contents->FileContents->find("title");
+    std::cout << "downloaded: " << (title && title->isString() ? title->asString() : "?") << "\n";
+  }
+  std::cout << "listed: " << changes->size() << " records\n";
+
   // Send this device's changes as one batch. It retries what failed by itself and reports once,
   // on the queue given; this thread waits for that.
   const auto records = newRecords();
@@ -60,14 +74,6 @@ int syncWhileLocked(const std::shared_ptr<wdc::WebDAVConnect>& connection) {
       });
   if (auto batchError = uploaded.get_future().get()) return failed("batch upload", batchError);
   std::cout << "uploaded: " << records.size() << " records\n";
-
-  // Read one back as another device would: metadata in, metadata and decoded payload out.
-  std::shared_ptr<wdc::WebDAVFileContents> first =
-      connection->getContentsForFile(records.front()->FileMetaData, kFolder, &error);
-  if (!first) return failed("download", error);
-  const wdc::PlistValue* title = first->FileContents ? first->FileContents->find("title") : nullptr;
-  if (title == nullptr || !title->isString()) return failed("download (no title)", std::nullopt);
-  std::cout << "downloaded: " << title->asString() << "\n";
 
   // The upload replaced each record's metadata with the stored one, which names its file.
   const std::string draft = records.back()->FileMetaData->FilePath.value_or("");
