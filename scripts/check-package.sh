@@ -60,6 +60,9 @@ g++ -std=c++20 "$work/pc_host.cpp" -o "$work/pc_host" $(pkg-config --cflags --li
 
 step "running the example against the installed wdc emulator"
 token="check-package-$$"
+# Created here: the background job opens its redirections only once it runs.
+: > "$work/emulator.out"
+: > "$work/emulator.err"
 "$prefix/bin/wdc" emulator --port 0 --tls --cert-out "$work/emulator.pem" --token "$token" \
     > "$work/emulator.out" 2> "$work/emulator.err" &
 emulator_pid=$!
