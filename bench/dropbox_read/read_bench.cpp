@@ -1,7 +1,8 @@
 // Pulling every record of one folder (listing, download, decode) against the TLS emulator with
 // 20 ms added to every request, side by side in one run:
-//   (a) through the folder snapshot: one listing, one ZIP, records read from the extraction;
-//   (b) per file through the asynchronous getContentsForFile, 4 download slots;
+//   (a) through the folder snapshot: the delta listing (which marks the folder), one ZIP,
+//       records read from the extraction;
+//   (b) the delta listing, then per file through the asynchronous getContentsForFile, 4 slots;
 //   (c) the official Python SDK listing, downloading with 4 threads and decoding the same records;
 //   floor: one ZIP transfer, its extraction and the decoding of every record, timed alone.
 // Each contender connects before its clock starts; the fast ones run several rounds, best counts.
@@ -59,40 +60,11 @@ std::string storedRecord(int i, std::mt19937& random) {
   return std::string(stored->begin(), stored->end());
 }
 
-// The folder's files, listed with our client (list_folder at the API's largest page, continue).
-std::vector<std::shared_ptr<WebDAVFileMetaData>> listFolder() {
-  auto client = wdc::dbx::DBClientsManager::authorizedClient();
-  std::vector<std::shared_ptr<WebDAVFileMetaData>> files;
-  std::optional<std::string> cursor;
-  bool more = true;
-  while (more) {
-    std::promise<std::optional<wdc::dbx::DBFILESListFolderResult>> answer;
-    auto handler = [&answer](const wdc::dbx::DBFILESListFolderResult* result, const auto*,
-                             const wdc::dbx::DBRequestError*) {
-      answer.set_value(result ? std::optional(*result) : std::nullopt);
-    };
-    if (cursor) {
-      client->filesRoutes().listFolderContinue(*cursor).setResponseBlock(handler);
-    } else {
-      wdc::dbx::DBFILESListFolderArg arg;
-      arg.path = std::string("/") + kFolder;
-      arg.limit = 2000;
-      client->filesRoutes().listFolder(arg).setResponseBlock(handler);
-    }
-    auto result = answer.get_future().get();
-    if (!result) return {};
-    for (const auto& entry : result->entries) {
-      if (!entry->isFile()) continue;
-      auto file = std::make_shared<WebDAVFileMetaData>();
-      file->FilePath = entry->name;
-      file->ParentFolder = kFolder;
-      file->FileRev = entry->asFile()->rev;
-      files.push_back(std::move(file));
-    }
-    cursor = result->cursor;
-    more = result->hasMore;
-  }
-  return files;
+// The folder's records from a fresh delta listing (the whole change feed, 1,000 a page).
+std::vector<std::shared_ptr<WebDAVFileMetaData>> deltaListing(WebDAVConnect& connection) {
+  auto files = connection.getDeltaFileList(nullptr, std::string("/") + kFolder, std::nullopt,
+                                           std::nullopt, false);
+  return files ? *files : std::vector<std::shared_ptr<WebDAVFileMetaData>>{};
 }
 
 bool hasTitle(const std::shared_ptr<wdc::WebDAVFileContents>& contents) {
@@ -102,10 +74,9 @@ bool hasTitle(const std::shared_ptr<wdc::WebDAVFileContents>& contents) {
 // (a) listing, marking, then every record through the blocking getContentsForFile: the first
 // one fetches the folder's ZIP, the rest are read from the extraction.
 double runSnapshot(WebDAVConnect& connection, int records) {
-  WebDAVDropboxZipSnapshot::sharedSnapshot().reset();
   const double start = now();
-  auto files = listFolder();
-  WebDAVDropboxZipSnapshot::sharedSnapshot().markFolder(kFolder, files.size());
+  // The delta listing empties the snapshot cache and marks the record folders it counted.
+  auto files = deltaListing(connection);
   const double listed = now();
   double warmed = listed;
   int good = 0;
@@ -124,9 +95,10 @@ double runSnapshot(WebDAVConnect& connection, int records) {
 // (b) listing, then every record through the asynchronous getContentsForFile; the 4 download
 // slots bound how many are in flight.
 double runPerFile(WebDAVConnect& connection, int records) {
-  WebDAVDropboxZipSnapshot::sharedSnapshot().reset();
   const double start = now();
-  auto files = listFolder();
+  auto files = deltaListing(connection);
+  // Per file on purpose: forget the snapshot marking the listing made.
+  WebDAVDropboxZipSnapshot::sharedSnapshot().reset();
   std::atomic<int> good{0};
   std::atomic<int> done{0};
   std::promise<void> finished;
