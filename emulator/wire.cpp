@@ -71,7 +71,13 @@ std::optional<TimePoint> parseTimestamp(std::string_view text) {
   const std::string copy(text);
   const char* end = strptime(copy.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
   if (end == nullptr || *end != '\0') return std::nullopt;
-  return std::chrono::system_clock::from_time_t(timegm(&parts));
+  // Refused like any malformed date when the clock's 64-bit tick count cannot hold it (about
+  // 1677 to 2262), rather than overflowing in the conversion.
+  constexpr std::time_t kLimit =
+      std::chrono::duration_cast<std::chrono::seconds>(TimePoint::duration::max()).count();
+  const std::time_t seconds = timegm(&parts);
+  if (seconds > kLimit || seconds < -kLimit) return std::nullopt;
+  return std::chrono::system_clock::from_time_t(seconds);
 }
 
 Json tag(std::string_view name) { return Json{{".tag", name}}; }

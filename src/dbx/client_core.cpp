@@ -290,16 +290,21 @@ void ClientCore::refreshToken(std::function<void(std::optional<DBRequestError>)>
       const auto& v = c.value;
       auto access = v.is_object() ? v.find("access_token") : v.end();
       auto expires = v.is_object() ? v.find("expires_in") : v.end();
-      if (v.is_object() && access != v.end() && access->is_string() &&
-          !access->get_ref<const std::string&>().empty()) {
+      std::optional<DBTimestamp> expiresAt;
+      bool expiryFits = true;
+      if (expires != v.end() && expires->is_number_integer() && expires->get<int64_t>() >= 0) {
+        expiresAt = timestampAfter(Env::current().now(),
+                                   std::chrono::seconds(expires->get<int64_t>()));
+        expiryFits = expiresAt.has_value();
+      }
+      if (!expiryFits) {
+        error = DBRequestError::transport(kURLErrorCannotParseResponse,
+                                          "oauth2/token: expires_in out of range");
+      } else if (v.is_object() && access != v.end() && access->is_string() &&
+                 !access->get_ref<const std::string&>().empty()) {
         std::lock_guard lock(self->mutex_);
         self->token_.accessToken = access->get<std::string>();
-        if (expires != v.end() && expires->is_number_integer() && expires->get<int64_t>() >= 0) {
-          self->token_.expiresAt =
-              Env::current().now() + std::chrono::seconds(expires->get<int64_t>());
-        } else {
-          self->token_.expiresAt.reset();
-        }
+        self->token_.expiresAt = expiresAt;
         updated = self->token_;
       } else {
         error = DBRequestError::transport(kURLErrorCannotParseResponse,

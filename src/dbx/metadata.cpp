@@ -55,7 +55,23 @@ std::optional<DBTimestamp> parseTimestamp(std::string_view text) {
   using namespace std::chrono;
   year_month_day ymd{year{y}, month{static_cast<unsigned>(mo)}, day{static_cast<unsigned>(d)}};
   if (!ymd.ok() || h > 23 || mi > 59 || s > 60) return std::nullopt;
-  return DBTimestamp(sys_days(ymd).time_since_epoch() + hours(h) + minutes(mi) + seconds(s));
+  // Whole seconds cannot overflow for a four-digit year; the clock's finer ticks can.
+  const seconds sinceEpoch =
+      sys_days(ymd).time_since_epoch() + hours(h) + minutes(mi) + seconds(s);
+  return timestampAfter(DBTimestamp{}, sinceEpoch);
+}
+
+std::optional<DBTimestamp> timestampAfter(DBTimestamp base, std::chrono::seconds offset) {
+  using Ticks = DBTimestamp::duration;
+  static_assert(Ticks::period::num == 1, "a second must be a whole number of clock ticks");
+  constexpr Ticks::rep kTicksPerSecond = Ticks::period::den;
+  Ticks::rep ticks = 0;
+  Ticks::rep sum = 0;
+  if (__builtin_mul_overflow(offset.count(), kTicksPerSecond, &ticks) ||
+      __builtin_add_overflow(base.time_since_epoch().count(), ticks, &sum)) {
+    return std::nullopt;
+  }
+  return DBTimestamp(Ticks(sum));
 }
 
 }  // namespace wdc::dbx

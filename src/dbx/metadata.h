@@ -92,7 +92,13 @@ struct DBUSERSFullAccount {
 
 // "%Y-%m-%dT%H:%M:%SZ", UTC, whole seconds: the only timestamp form the API speaks.
 [[nodiscard]] std::string formatTimestamp(DBTimestamp time);
-// Parses that form; absent for anything else (fractions, offsets, out-of-range fields).
+// Parses that form; absent for anything else (fractions, offsets, out-of-range fields, and
+// instants the clock cannot hold).
 [[nodiscard]] std::optional<DBTimestamp> parseTimestamp(std::string_view text);
+// `base` moved by `offset`; absent when the result does not fit the clock's 64-bit tick count
+// (with nanosecond ticks, about 1677-09-21 to 2262-04-11). Times from the wire go through this
+// rather than through chrono's arithmetic, whose overflow is undefined.
+[[nodiscard]] std::optional<DBTimestamp> timestampAfter(DBTimestamp base,
+                                                        std::chrono::seconds offset);
 
 }  // namespace wdc::dbx

@@ -74,7 +74,12 @@ std::optional<DBTokenStoreContents> loadTokenStore(const std::filesystem::path& 
     if (readString(*it, "refresh_token", refresh)) token.refreshToken = refresh;
     if (auto expires = it->find("expires_at");
         expires != it->end() && expires->is_number_integer()) {
-      token.expiresAt = DBTimestamp(std::chrono::seconds(expires->get<int64_t>()));
+      token.expiresAt = timestampAfter(DBTimestamp{}, std::chrono::seconds(expires->get<int64_t>()));
+      // Only a damaged or hand-edited store holds an instant the clock cannot.
+      if (!token.expiresAt) {
+        setError(error, storeError("token store holds an expiry out of range"));
+        return std::nullopt;
+      }
     }
     contents.oauth2 = std::move(token);
   }

@@ -1,6 +1,8 @@
 // Decoders of server answers: published shapes decode, tag numbers follow the API's order, and
 // answers of the wrong shape are refused instead of half-read.
 #include "dbx/json_codec.h"
+#include "dbx/client_core.h"
+#include "dbx/http_response.h"
 
 #include <gtest/gtest.h>
 
@@ -90,6 +92,69 @@ TEST(DbxDecoders, TimestampsAreStrictUtcSeconds) {
                           "2015-05-12 15:50:38Z", "2015-05-12T25:00:00Z", "+015-05-12T15:50:38Z", ""}) {
     EXPECT_FALSE(parseTimestamp(bad)) << bad;
   }
+}
+
+TEST(DbxDecoders, TimestampsOutsideTheClockRangeAreRefused) {
+  using std::chrono::seconds;
+  auto unixSeconds = [](const DBTimestamp& t) {
+    return std::chrono::duration_cast<seconds>(t.time_since_epoch()).count();
+  };
+  auto epoch = parseTimestamp("1970-01-01T00:00:00Z");
+  ASSERT_TRUE(epoch);
+  EXPECT_EQ(epoch->time_since_epoch().count(), 0);
+  // The last and first whole seconds a signed 64-bit nanosecond count holds, and a day inside.
+  for (const char* edge : {"2262-04-11T23:47:16Z", "1677-09-21T00:12:44Z", "1677-09-22T00:00:00Z",
+                           "2262-04-11T00:00:00Z"}) {
+    auto parsed = parseTimestamp(edge);
+    ASSERT_TRUE(parsed) << edge;
+    EXPECT_EQ(formatTimestamp(*parsed), edge);
+  }
+  EXPECT_EQ(unixSeconds(*parseTimestamp("2262-04-11T23:47:16Z")), 9'223'372'036);
+  EXPECT_EQ(unixSeconds(*parseTimestamp("1677-09-21T00:12:44Z")), -9'223'372'036);
+  for (const char* outside : {"2262-04-11T23:47:17Z", "1677-09-21T00:12:43Z", "7252-01-01T00:00:00Z",
+                              "0001-01-01T00:00:00Z", "9999-12-31T23:59:59Z", "0000-01-01T00:00:00Z"}) {
+    EXPECT_FALSE(parseTimestamp(outside)) << outside;
+  }
+}
+
+TEST(DbxDecoders, MovingATimestampStopsAtTheClockRange) {
+  const DBTimestamp top{DBTimestamp::duration::max()};
+  const DBTimestamp bottom{DBTimestamp::duration::min()};
+  EXPECT_FALSE(timestampAfter(top, std::chrono::seconds(1)));
+  EXPECT_FALSE(timestampAfter(bottom, std::chrono::seconds(-1)));
+  // Overflow in the conversion to ticks alone, from an origin that is fine.
+  EXPECT_FALSE(timestampAfter(DBTimestamp{}, std::chrono::seconds(9'300'000'000)));
+  EXPECT_FALSE(timestampAfter(DBTimestamp{}, std::chrono::seconds(INT64_MIN)));
+  auto back = timestampAfter(top, std::chrono::seconds(-1));
+  ASSERT_TRUE(back);
+  EXPECT_EQ(top - *back, std::chrono::seconds(1));
+  auto later = timestampAfter(*parseTimestamp("2024-05-01T12:30:05Z"), std::chrono::hours(4));
+  ASSERT_TRUE(later);
+  EXPECT_EQ(formatTimestamp(*later), "2024-05-01T16:30:05Z");
+}
+
+TEST(DbxDecoders, AListingWithAnUnrepresentableDateIsABadAnswer) {
+  std::string entry(kFile);
+  entry.replace(entry.find("2024-05-01T12:30:05Z"), 20, "7252-05-01T12:30:05Z");
+  const std::string text = listing(R"({".tag": "folder", "name": "Notes", "path_lower": "/notes", "id": "id:1"},)" + entry);
+  EXPECT_FALSE(json::decodeText<DBFILESListFolderResult>(text));
+
+  // The same answer arriving over the wire: a parse failure for the caller, nothing half read.
+  HttpResponse response;
+  response.status = 200;
+  response.body = text;
+  response.headers = {{"content-type", "application/json"}};
+  detail::RawOutcome raw{classifyResponse(response, RouteStyle::kRpc), {}, {}};
+  ASSERT_EQ(raw.classified.kind, ClassifiedResponse::Kind::kResult);
+  std::optional<DBFILESListFolderResult> result;
+  std::optional<DBFILESListFolderError> routeError;
+  std::optional<DBRequestError> requestError;
+  detail::typeOutcome(raw, result, routeError, requestError);
+  EXPECT_FALSE(result);
+  EXPECT_FALSE(routeError);
+  ASSERT_TRUE(requestError);
+  ASSERT_TRUE(requestError->nsError);
+  EXPECT_EQ(requestError->nsError->code(), kURLErrorCannotParseResponse);
 }
 
 TEST(DbxDecoders, UnionTagsFollowThePublishedOrder) {

@@ -43,7 +43,10 @@ TEST(DbxTokenStore, MissingFileIsEmptyCorruptFileIsAnError) {
   EXPECT_FALSE(empty->oauth2);
   EXPECT_TRUE(empty->oauth1.empty());
 
-  for (const char* text : {"{", R"({"oauth2": {"refresh_token": "r"}})", R"({"oauth1": [{"token": 1}]})"}) {
+  for (const char* text : {"{", R"({"oauth2": {"refresh_token": "r"}})", R"({"oauth1": [{"token": 1}]})",
+                           // an expiry in year 2300, past what the clock holds
+                           R"({"oauth2": {"access_token": "a", "expires_at": 10413792000}})",
+                           R"({"oauth2": {"access_token": "a", "expires_at": -9223372036854775807}})"}) {
     std::ofstream(dir.path() / "bad.json") << text;
     std::optional<Error> error;
     EXPECT_FALSE(loadTokenStore(dir.path() / "bad.json", &error)) << text;

@@ -242,6 +242,20 @@ TEST_F(RoutesTest, UploadChecksASuppliedContentHash) {
   EXPECT_EQ(right.status, 200);
 }
 
+TEST_F(RoutesTest, UploadRefusesAClientModifiedTheClockCannotHold) {
+  for (const char* date : {"7252-01-01T00:00:00Z", "0001-01-01T00:00:00Z"}) {
+    const HttpReply reply = client_->upload(
+        "files/upload", Json{{"path", "/a"}, {"client_modified", date}}.dump(), "abc");
+    EXPECT_EQ(reply.status, 400) << date;
+    EXPECT_NE(reply.body.find("client_modified: time data"), std::string::npos) << reply.body;
+  }
+  const HttpReply kept = client_->upload(
+      "files/upload", Json{{"path", "/a"}, {"client_modified", "2262-04-11T23:47:16Z"}}.dump(),
+      "abc");
+  ASSERT_EQ(kept.status, 200);
+  EXPECT_EQ(json(kept)["client_modified"], "2262-04-11T23:47:16Z");
+}
+
 TEST_F(RoutesTest, BatchesRefuseMoreThanAThousandEntries) {
   Json entries = Json::array();
   for (int i = 0; i < 1001; ++i) entries.push_back(Json{{"path", "/x" + std::to_string(i)}});
