@@ -1,19 +1,12 @@
-// A host's sync against a Dropbox API v2 server, through the public headers only.
-//
+// A host's sync against a Dropbox API v2 server through the public headers only:
 //   host_sync API_URL CA_FILE ACCESS_TOKEN
-//
-// API_URL serves both the API and the content routes (as `wdc emulator` does); CA_FILE is the
-// server certificate to trust; ACCESS_TOKEN is what the host's own OAuth flow obtained. The
-// token is kept in a scratch token store, so the user's linked account is left alone.
-// scripts/check-package.sh builds this against the installed package and runs it against
-// `wdc emulator`.
-#include <stdlib.h>
+// API_URL serves the API and content routes (as `wdc emulator` does), CA_FILE is the certificate
+// to trust, ACCESS_TOKEN what the host's OAuth flow obtained (kept in a scratch token store).
 #include <unistd.h>
 #include <webdavconnect/dropbox_client_config.h>
 #include <webdavconnect/operation_queue.h>
 #include <webdavconnect/webdav_connect.h>
 
-#include <chrono>
 #include <filesystem>
 #include <future>
 #include <iostream>
@@ -31,9 +24,7 @@ constexpr const char* kFolder = "tod";
 
 // Says which step failed and why; the sync stops there.
 int failed(const char* step, const std::optional<wdc::Error>& error) {
-  std::cerr << "host_sync: " << step
-            << " failed: " << (error ? error->description() : std::string("no error given"))
-            << "\n";
+  std::cerr << "host_sync: " << step << " failed: " << (error ? error->description() : "") << "\n";
   return 1;
 }
 
@@ -44,14 +35,11 @@ std::vector<std::shared_ptr<wdc::WebDAVFileContents>> newRecords() {
   for (const char* title : {"Buy milk", "Call the bank", "Draft"}) {
     auto meta = std::make_shared<wdc::WebDAVFileMetaData>();
     meta->OpType = "1";
-    meta->ContainerUID = "inbox";
-    meta->ParentUID = "inbox";
+    meta->ContainerUID = meta->ParentUID = "inbox";
     meta->UID = "host-sync-" + std::to_string(getpid()) + "-" + std::to_string(records.size());
     meta->Extension = kFolder;
     auto payload = std::make_shared<wdc::PlistDictionary>();
     payload->set("title", wdc::PlistValue(std::string(title)));
-    payload->set("created",
-                 wdc::PlistValue(wdc::Date::fromTimePoint(std::chrono::system_clock::now())));
     records.push_back(std::make_shared<wdc::WebDAVFileContents>(meta, payload));
   }
   return records;
@@ -61,29 +49,31 @@ std::vector<std::shared_ptr<wdc::WebDAVFileContents>> newRecords() {
 int syncWhileLocked(const std::shared_ptr<wdc::WebDAVConnect>& connection) {
   std::optional<wdc::Error> error;
 
+  // Take what other devices wrote: the folder's change feed from the cursor the last sync left
+  // (none here, so every record), then each record's payload.
+  std::optional<wdc::FileList> changes = connection->getDeltaFileList(
+      &error, kFolder, connection->dropboxDeltaCursor, kFolder, /*canUseCachedResult=*/false);
+  if (!changes) return failed("delta listing", error);
+  for (const std::shared_ptr<wdc::WebDAVFileMetaData>& file : *changes) {
+    if (file->DeletedFromDropbox) continue;  // a host drops its own copy
+    auto contents = connection->getContentsForFile(file, kFolder, &error);
+    if (!contents || !contents->FileContents) return failed("download", error);
+    const wdc::PlistValue* title = contents->FileContents->find("title");
+    std::cout << "downloaded: " << (title && title->isString() ? title->asString() : "?") << "\n";
+  }
+  std::cout << "listed: " << changes->size() << " records\n";
+
   // Send this device's changes as one batch. It retries what failed by itself and reports once,
   // on the queue given; this thread waits for that.
   const auto records = newRecords();
   std::promise<std::optional<wdc::Error>> uploaded;
   connection->uploadFileWithObjects(
       records, 3, kFolder, connection->queueToUse,
-      [&uploaded](const auto& results, const std::optional<wdc::Error>& batchError) {
-        for (const auto& result : results) {
-          if (result->uploadError)
-            std::cerr << "not uploaded: " << result->uploadError->description() << "\n";
-        }
-        uploaded.set_value(batchError);
+      [&uploaded](const auto& /*each item and its error*/, const std::optional<wdc::Error>& e) {
+        uploaded.set_value(e);
       });
   if (auto batchError = uploaded.get_future().get()) return failed("batch upload", batchError);
   std::cout << "uploaded: " << records.size() << " records\n";
-
-  // Read one back as another device would: metadata in, metadata and decoded payload out.
-  std::shared_ptr<wdc::WebDAVFileContents> first =
-      connection->getContentsForFile(records.front()->FileMetaData, kFolder, &error);
-  if (!first) return failed("download", error);
-  const wdc::PlistValue* title = first->FileContents ? first->FileContents->find("title") : nullptr;
-  if (title == nullptr || !title->isString()) return failed("download (no title)", std::nullopt);
-  std::cout << "downloaded: " << title->asString() << "\n";
 
   // The upload replaced each record's metadata with the stored one, which names its file.
   const std::string draft = records.back()->FileMetaData->FilePath.value_or("");
@@ -129,12 +119,8 @@ int main(int argc, char** argv) {
     std::cerr << "usage: host_sync API_URL CA_FILE ACCESS_TOKEN\n";
     return 2;
   }
-  std::string scratchTemplate = (std::filesystem::temp_directory_path() / "host_sync-XXXXXX");
-  if (mkdtemp(scratchTemplate.data()) == nullptr) {
-    std::cerr << "host_sync: cannot create a scratch directory\n";
-    return 1;
-  }
-  const std::filesystem::path scratch = scratchTemplate;
+  const std::filesystem::path tokens =
+      std::filesystem::temp_directory_path() / ("host_sync-" + std::to_string(getpid()) + ".json");
   // The library writes the lock file into the temporary directory and uploads it by its bare
   // name, so a host runs with that directory as its current one.
   std::filesystem::current_path(std::filesystem::temp_directory_path());
@@ -145,7 +131,7 @@ int main(int argc, char** argv) {
   config.apiBaseUrl = argv[1];
   config.contentBaseUrl = argv[1];
   config.caFile = argv[2];
-  config.tokenStorePath = scratch / "tokens.json";
+  config.tokenStorePath = tokens;
   std::optional<wdc::Error> error;
   int status = 0;
   if (!wdc::setUpDropboxClient(config, &error)) {
@@ -162,6 +148,6 @@ int main(int argc, char** argv) {
     connection->removeAllResources();
     wdc::unlinkDropboxAccount();
   }
-  std::filesystem::remove_all(scratch);
+  std::filesystem::remove(tokens);
   return status;
 }

@@ -60,6 +60,9 @@ g++ -std=c++20 "$work/pc_host.cpp" -o "$work/pc_host" $(pkg-config --cflags --li
 
 step "running the example against the installed wdc emulator"
 token="check-package-$$"
+# Created here: the background job opens its redirections only once it runs.
+: > "$work/emulator.out"
+: > "$work/emulator.err"
 "$prefix/bin/wdc" emulator --port 0 --tls --cert-out "$work/emulator.pem" --token "$token" \
     > "$work/emulator.out" 2> "$work/emulator.err" &
 emulator_pid=$!
@@ -73,14 +76,24 @@ done
 [ -n "$url" ] || fail "wdc emulator did not start within 10 s"
 timeout 60 "$work/example/host_sync" "$url" "$work/emulator.pem" "$token" > "$work/sync.out" 2>&1 ||
   fail "host_sync exited $?: $(tail -20 "$work/sync.out")"
-for line in '^account: ' '^locked: ' '^uploaded: 3 records$' '^downloaded: Buy milk$' '^deleted: ' \
-            '^unlocked$' '^sync done$'; do
-  grep -q "$line" "$work/sync.out" || fail "host_sync printed no '$line': $(cat "$work/sync.out")"
-done
+expect() {  # args: output file, line patterns...
+  local out=$1; shift
+  for line in "$@"; do
+    grep -q "$line" "$out" || fail "host_sync printed no '$line': $(cat "$out")"
+  done
+}
+expect "$work/sync.out" '^account: ' '^locked: ' '^listed: 0 records$' '^uploaded: 3 records$' \
+       '^deleted: ' '^unlocked$' '^sync done$'
 sed 's/^/  /' "$work/sync.out"
-# A second sync finds no lock: the first one let go of it.
+# A second sync finds no lock (the first let go of it) and downloads what the first left: its two
+# records, not the deleted draft.
 timeout 60 "$work/example/host_sync" "$url" "$work/emulator.pem" "$token" > "$work/sync2.out" 2>&1 ||
   fail "second host_sync exited $?: $(tail -20 "$work/sync2.out")"
+expect "$work/sync2.out" '^downloaded: Buy milk$' '^downloaded: Call the bank$' '^listed: 2 records$' \
+       '^sync done$'
+! grep -q '^downloaded: Draft' "$work/sync2.out" || fail "the deleted draft came back: $(cat "$work/sync2.out")"
+echo "  second sync:"
+sed 's/^/    /' "$work/sync2.out"
 # A wrong token is refused, and the example says so in one line.
 if timeout 60 "$work/example/host_sync" "$url" "$work/emulator.pem" wrong-token > "$work/bad.out" 2>&1; then
   fail "host_sync succeeded with a wrong token"
