@@ -4,7 +4,9 @@
 //
 // The JSON form below is what `wdc payload decode` prints and `wdc payload encode` reads:
 //   string, integer, real (always with a "." or exponent), true/false as themselves;
-//   null for NSNull; {"$date": "YYYY-MM-DDTHH:MM:SS.ffffffZ", "$time": <seconds since 2001>};
+//   null for NSNull; {"$date": "YYYY-MM-DDTHH:MM:SS.ffffffZ", "$time": <seconds since 2001>}
+//   ("$time" wins when both are read; "$date" alone, ISO 8601 with a zone or a bare date taken as
+//   UTC midnight, is accepted too);
 //   {"$data": "<base64>"}; {"$set": [...]}; {"$orderedset": [...]}; {"$uuid": "..."};
 //   {"$url": <relative>, "$base": <url>}; {"$nil": true} for a nil reference;
 //   {"$cycle": <uid>} for a reference back to an object being decoded; {"$uid": n};
