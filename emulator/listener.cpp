@@ -60,6 +60,25 @@ void forEachConnection(uint16_t port, Visit visit) {
   closedir(dir);
 }
 
+// cpp-httplib listens with a backlog of 5, so a client opening many connections at once (the
+// batch upload's sessions) has SYNs dropped and waits out the 1 s retransmission. Listening again
+// on the bound socket raises the backlog.
+void widenListenBacklog(uint16_t port) {
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr) return;
+  const int own = dirfd(dir);
+  while (const dirent* item = readdir(dir)) {
+    char* end = nullptr;
+    const long fd = std::strtol(item->d_name, &end, 10);
+    if (end == item->d_name || *end != '\0' || fd == own) continue;
+    bool connected = false;
+    if (localPortOf(static_cast<int>(fd), &connected) == port && !connected) {
+      ::listen(static_cast<int>(fd), SOMAXCONN);
+    }
+  }
+  closedir(dir);
+}
+
 void dropConnection(const httplib::Request& request, uint16_t port) {
   if (request.ssl != nullptr) {
     shutdown(SSL_get_fd(request.ssl), SHUT_RDWR);
@@ -195,6 +214,7 @@ bool Listener::start(bool tls, uint16_t port, std::string* error) {
     return false;
   }
   state_->port = static_cast<uint16_t>(bound);
+  widenListenBacklog(state_->port);
   auto finished = std::make_shared<std::atomic<bool>>(false);
   state_->thread = std::thread([&server, finished] {
     server.listen_after_bind();
