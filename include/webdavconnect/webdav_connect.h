@@ -570,28 +570,28 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
   void waitUntilDropboxIsSelected();
 
   // Outcome of the last asynchronous Dropbox call a blocking operation waited for.
-  std::optional<Error> lastAsyncError_;
-  bool asyncCallWasSuccessful_ = false;
+  std::optional<Error> lastAsyncError;
+  bool asyncCallWasSuccessful = false;
 
   // -- Fields of the sync lock, deletes, folders and search
   // Cached metadata of the app folder; dropped first when the connection goes.
-  std::shared_ptr<const dbx::DBFILESMetadata> metaDropboxFolder_;
+  std::shared_ptr<const dbx::DBFILESMetadata> metaDropboxFolder;
   // Listing scratch: host paths of a folder's files.
-  std::optional<std::vector<std::string>> arrDropboxFilePathsForDirectory_;
+  std::optional<std::vector<std::string>> arrDropboxFilePathsForDirectory;
   // The records of the last search, filled by its answer and handed to the caller.
-  std::optional<FileList> arrSearchMetaDatas_;
+  std::optional<FileList> arrSearchMetaDatas;
 
   // -- Fields of the delta listing
   // The last answer's has_more.
-  bool hasMoreDeltaChanges_ = false;
+  bool hasMoreDeltaChanges = false;
   // Every entry of the last fetch, in arrival order; absent before the first fetch and after
   // removeAllResources.
-  std::optional<std::vector<std::shared_ptr<const dbx::DBFILESMetadata>>> arrDropboxDeltaTuples_;
+  std::optional<std::vector<std::shared_ptr<const dbx::DBFILESMetadata>>> arrDropboxDeltaTuples;
   // For each record extension, whether the last fetch saw an entry with it.
-  std::map<std::string, bool, std::less<>> dictDoesContainDeltaForExtension_;
+  std::map<std::string, bool, std::less<>> dictDoesContainDeltaForExtension;
   // Directory-change scratch of the listing; dropped between syncs with the rest.
-  std::optional<FileList> arrDeltaDirectoryChanges_;
-  // The network pass of a fetch: every page into arrDropboxDeltaTuples_. A failed page ends it,
+  std::optional<FileList> arrDeltaDirectoryChanges;
+  // The network pass of a fetch: every page into arrDropboxDeltaTuples. A failed page ends it,
   // leaving its error on the connection.
   void fetchDeltaPages(ErrorOut error, const std::optional<std::string>& usingCursor);
 
@@ -602,7 +602,7 @@ class WebDAVConnect : public std::enable_shared_from_this<WebDAVConnect> {
 
   // -- Fields of the write path (uploads)
   // The metadata the last single record upload made (its FileRev set once the store answered).
-  std::shared_ptr<WebDAVFileMetaData> metaDataOfLastUploadedFile_;
+  std::shared_ptr<WebDAVFileMetaData> metaDataOfLastUploadedFile;
 };
 
 }  // namespace wdc

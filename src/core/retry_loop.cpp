@@ -38,8 +38,8 @@ void pauseBeforeLookingAgain(WebDAVConnect& connection) {
 std::string describeError(const Error& error) { return error.description(); }
 
 void WebDAVConnect::clearAsyncCallState() {
-  lastAsyncError_.reset();
-  asyncCallWasSuccessful_ = false;
+  lastAsyncError.reset();
+  asyncCallWasSuccessful = false;
 }
 
 void WebDAVConnect::waitUntilDropboxIsSelected() {

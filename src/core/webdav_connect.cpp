@@ -18,15 +18,15 @@ std::shared_ptr<WebDAVConnect> WebDAVConnect::initWithConnectionType(
 
 WebDAVConnect::~WebDAVConnect() {
   // The cached folder metadata goes before the rest of the connection's state.
-  metaDropboxFolder_.reset();
+  metaDropboxFolder.reset();
 }
 
 void WebDAVConnect::removeAllResources() {
   WebDAVDropboxZipSnapshot::sharedSnapshot().reset();
-  arrDeltaDirectoryChanges_.reset();
-  arrDropboxDeltaTuples_.reset();
-  arrDropboxFilePathsForDirectory_.reset();
-  arrSearchMetaDatas_.reset();
+  arrDeltaDirectoryChanges.reset();
+  arrDropboxDeltaTuples.reset();
+  arrDropboxFilePathsForDirectory.reset();
+  arrSearchMetaDatas.reset();
 }
 
 }  // namespace wdc

@@ -15,8 +15,8 @@ bool WebDAVConnect::deleteFilesThatMatchInDropbox(const std::optional<std::strin
   const std::optional<Error> failure = deleteFilesAtPathFromDropbox(*matches, folder);
   // The batch's outcome is the connection's last call; the caller's error holds only what the
   // search reported, so the public operation does not retry a failed batch.
-  lastAsyncError_ = failure;
-  asyncCallWasSuccessful_ = !failure.has_value();
+  lastAsyncError = failure;
+  asyncCallWasSuccessful = !failure.has_value();
   return !failure.has_value();
 }
 

@@ -82,22 +82,22 @@ std::optional<FileList> WebDAVConnect::getDeltaFileListFromDropbox(
     // A new pass may change which folders deserve a snapshot, and what the old snapshots hold.
     WebDAVDropboxZipSnapshot::sharedSnapshot().reset();
     log::debug("[DROPBOX] Delta Setting up Cache...");
-    dictDoesContainDeltaForExtension_.clear();
+    dictDoesContainDeltaForExtension.clear();
     shouldResetLocalData = false;
     dropboxDeltaCursor.reset();
-    hasMoreDeltaChanges_ = false;
-    arrDropboxDeltaTuples_.emplace();
+    hasMoreDeltaChanges = false;
+    arrDropboxDeltaTuples.emplace();
     // A failed page is reported by the check below.
     fetchDeltaPages(error, usingCursor);
-  } else if (!arrDropboxDeltaTuples_) {
+  } else if (!arrDropboxDeltaTuples) {
     log::debug("[DROPBOX] Can use cache but tuples is NIL!");
-  } else if (arrDropboxDeltaTuples_->empty()) {
+  } else if (arrDropboxDeltaTuples->empty()) {
     log::info(fmt::format("[DROPBOX] Delta returning empty set for as no data available: {}",
                           textOr(withExtension)));
     return FileList{};
   } else if (withExtension) {
-    const auto flag = dictDoesContainDeltaForExtension_.find(*withExtension);
-    if (flag == dictDoesContainDeltaForExtension_.end() || !flag->second) {
+    const auto flag = dictDoesContainDeltaForExtension.find(*withExtension);
+    if (flag == dictDoesContainDeltaForExtension.end() || !flag->second) {
       log::info(fmt::format("[DROPBOX] Delta returning empty set for: {} [2]", *withExtension));
       return FileList{};
     }
@@ -107,7 +107,7 @@ std::optional<FileList> WebDAVConnect::getDeltaFileListFromDropbox(
   if (checkIfRequestFailed(error)) return std::nullopt;
 
   static const std::vector<std::shared_ptr<const dbx::DBFILESMetadata>> kNoEntries;
-  const auto& entries = arrDropboxDeltaTuples_ ? *arrDropboxDeltaTuples_ : kNoEntries;
+  const auto& entries = arrDropboxDeltaTuples ? *arrDropboxDeltaTuples : kNoEntries;
   if (fetching) markDropboxZipSnapshotFoldersFromEntries(entries);
 
   // Formatting a line per entry costs more than the filtering itself on large feeds.
@@ -162,7 +162,7 @@ std::optional<FileList> WebDAVConnect::getDeltaFileListFromDropbox(
     const dbx::DBFILESFileMetadata* file = entry->asFile();
     if (file != nullptr) {
       if (!file->clientModified) {
-        if (fetching) flags.writeTo(dictDoesContainDeltaForExtension_);
+        if (fetching) flags.writeTo(dictDoesContainDeltaForExtension);
         setError(error, Error::withDescription(std::string(kDropboxSyncErrorDomain),
                                                kMissingDateCode, kMissingDateText));
         return std::nullopt;
@@ -183,7 +183,7 @@ std::optional<FileList> WebDAVConnect::getDeltaFileListFromDropbox(
     record->DeletedFromDropbox = entry->isDeleted() || record->OpType == kDeletedOpType;
     records.push_back(std::move(record));
   }
-  if (fetching) flags.writeTo(dictDoesContainDeltaForExtension_);
+  if (fetching) flags.writeTo(dictDoesContainDeltaForExtension);
   log::debug(fmt::format("[DROPBOX] Delta finally returning {} for {}", records.size(),
                          textOr(withExtension)));
   return records;

@@ -67,16 +67,16 @@ void WebDAVConnect::fetchDeltaPages(ErrorOut error, const std::optional<std::str
       if (!result->entries.empty()) {
         log::debug(
             fmt::format("[DROPBOX] Delta returned changed entries: {}", result->entries.size()));
-        arrDropboxDeltaTuples_->insert(arrDropboxDeltaTuples_->end(), result->entries.begin(),
+        arrDropboxDeltaTuples->insert(arrDropboxDeltaTuples->end(), result->entries.begin(),
                                        result->entries.end());
       } else {
         log::debug("[DROPBOX] Delta changes ZERO");
       }
       dropboxDeltaCursor = result->cursor;
-      hasMoreDeltaChanges_ = result->hasMore;
+      hasMoreDeltaChanges = result->hasMore;
       log::debug(fmt::format(
           "[DROPBOX] Delta loaded, has more changes [{:d}] Should reset [{:d}] New Cursor [{}] ",
-          hasMoreDeltaChanges_ ? 1 : 0, shouldResetLocalData ? 1 : 0, textOr(dropboxDeltaCursor)));
+          hasMoreDeltaChanges ? 1 : 0, shouldResetLocalData ? 1 : 0, textOr(dropboxDeltaCursor)));
     } else {
       log::debug(fmt::format("[DROPBOX] Delta - No Folder Result obtained, error? {}, {}",
                              routeError ? routeError->description() : "(null)",
@@ -102,7 +102,7 @@ void WebDAVConnect::fetchDeltaPages(ErrorOut error, const std::optional<std::str
   std::optional<std::string> pageCursor = usingCursor;
   bool resetHandled = false;
   for (;;) {
-    lastAsyncError_.reset();
+    lastAsyncError.reset();
     if (!pageCursor || pageCursor->empty()) {
       log::debug("[DROPBOX] Delta No previous cursor...");
       dbx::DBFILESListFolderArg arg;
@@ -133,18 +133,18 @@ void WebDAVConnect::fetchDeltaPages(ErrorOut error, const std::optional<std::str
       resetHandled = true;
       nextCursor = "";
     }
-    if (asyncCallWasSuccessful_ && hasMoreDeltaChanges_ && !dropboxDeltaCursor) {
+    if (asyncCallWasSuccessful && hasMoreDeltaChanges && !dropboxDeltaCursor) {
       log::error("[DROPBOX] Delta has more changes to send but cursor is nil!!");
     } else {
       log::debug(fmt::format(
           "[DROPBOX] delta ended, successful call [{:d}] more changes [{:d}] reset [{:d}] cursor "
           "[{}]",
-          asyncCallWasSuccessful_ ? 1 : 0, hasMoreDeltaChanges_ ? 1 : 0,
+          asyncCallWasSuccessful ? 1 : 0, hasMoreDeltaChanges ? 1 : 0,
           shouldResetLocalData ? 1 : 0, textOr(dropboxDeltaCursor)));
     }
     pageCursor = std::move(nextCursor);
     if (!mayStop) continue;
-    if (asyncCallWasSuccessful_ && hasMoreDeltaChanges_ && pageCursor && !pageCursor->empty()) {
+    if (asyncCallWasSuccessful && hasMoreDeltaChanges && pageCursor && !pageCursor->empty()) {
       continue;
     }
     return;

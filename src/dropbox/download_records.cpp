@@ -42,8 +42,8 @@ std::optional<std::string> snapshotPayloadPath(const std::string& fileName,
 }  // namespace
 
 void WebDAVConnect::recordDropboxDownloadOutcome(std::optional<Error> failure) {
-  asyncCallWasSuccessful_ = !failure.has_value();
-  lastAsyncError_ = std::move(failure);
+  asyncCallWasSuccessful = !failure.has_value();
+  lastAsyncError = std::move(failure);
 }
 
 std::shared_ptr<WebDAVFileContents> WebDAVConnect::getContentsForDropboxFile(

@@ -53,19 +53,19 @@ Error mapRequestError(const dbx::DBRequestError& requestError) {
 
 void WebDAVConnect::setAsyncErrorIfRequired(const dbx::DBRequestError* requestError) {
   if (requestError == nullptr) {
-    asyncCallWasSuccessful_ = true;
-    lastAsyncError_.reset();
+    asyncCallWasSuccessful = true;
+    lastAsyncError.reset();
     return;
   }
-  asyncCallWasSuccessful_ = false;
-  lastAsyncError_ = mapRequestError(*requestError);
+  asyncCallWasSuccessful = false;
+  lastAsyncError = mapRequestError(*requestError);
 }
 
 bool WebDAVConnect::checkIfRequestFailed(ErrorOut error) {
-  if (asyncCallWasSuccessful_ || !lastAsyncError_) return false;
-  log::error(fmt::format("[DROPBOX] Request failed: {}", lastAsyncError_->description()));
-  setError(error, Error(lastAsyncError_->domain(), lastAsyncError_->code(),
-                        lastAsyncError_->userInfo()));
+  if (asyncCallWasSuccessful || !lastAsyncError) return false;
+  log::error(fmt::format("[DROPBOX] Request failed: {}", lastAsyncError->description()));
+  setError(error, Error(lastAsyncError->domain(), lastAsyncError->code(),
+                        lastAsyncError->userInfo()));
   return true;
 }
 

@@ -16,7 +16,7 @@ std::optional<FileList> WebDAVConnect::searchForMatchingFiles(
       fmt::format("[DROPBOX] searchForMatchingFiles : fileName : {}, inFolder : {}, excluding : {}",
                   dropbox::textOrNull(fileName), dropbox::textOrNull(inFolder),
                   dropbox::textOrNull(excludingFile)));
-  arrSearchMetaDatas_ = FileList{};
+  arrSearchMetaDatas = FileList{};
   const std::string excluded = lowercaseUnicode(excludingFile.value_or(""));
   if (auto client = dropbox::authorizedClientFor(*this)) {
     dropbox::awaitAnswer(
@@ -33,12 +33,12 @@ std::optional<FileList> WebDAVConnect::searchForMatchingFiles(
             auto record = std::make_shared<WebDAVFileMetaData>();
             record->FilePath = pathLower;
             record->Extension = dropbox::pathExtension(pathLower);
-            arrSearchMetaDatas_->push_back(std::move(record));
+            arrSearchMetaDatas->push_back(std::move(record));
           }
         });
   }
   if (checkIfRequestFailed(error)) return std::nullopt;
-  return arrSearchMetaDatas_;
+  return arrSearchMetaDatas;
 }
 
 }  // namespace wdc

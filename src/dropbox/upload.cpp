@@ -62,7 +62,7 @@ std::shared_ptr<WebDAVFileMetaData> WebDAVConnect::uploadFileWithObjectToDropbox
   static const WebDAVFileContents kNothing;
   dropbox::RecordUpload upload = dropbox::prepareRecordUpload(
       object ? *object : kNothing, toFolder, dropbox::ScratchUse::kSingleRecord);
-  metaDataOfLastUploadedFile_ = upload.newMetaData;
+  metaDataOfLastUploadedFile = upload.newMetaData;
   log::debug(fmt::format("[DROPBOX] Uploading File: {}", upload.remotePath));
   const std::shared_ptr<WebDAVFileMetaData>& newMetaData = upload.newMetaData;
   sendScratchFile(*this, upload.scratch, upload.remotePath,
