@@ -41,10 +41,11 @@ uint16_t peerPortOf(int fd) {
   return ntohs(peer.sin_port);
 }
 
-// Calls `visit` for each accepted (connected) socket of this process whose local port is `port`.
-// cpp-httplib does not hand its connection sockets out, so they are found among our descriptors.
+// Calls `visit` for each socket of this process whose local port is `port`: the accepted
+// (connected) ones, or with `connected` false the listening one. cpp-httplib does not hand its
+// sockets out, so they are found among our descriptors.
 template <typename Visit>
-void forEachConnection(uint16_t port, Visit visit) {
+void forEachSocketOnPort(uint16_t port, bool connected, Visit visit) {
   DIR* dir = opendir("/proc/self/fd");
   if (dir == nullptr) return;
   const int own = dirfd(dir);
@@ -52,31 +53,27 @@ void forEachConnection(uint16_t port, Visit visit) {
     char* end = nullptr;
     const long fd = std::strtol(item->d_name, &end, 10);
     if (end == item->d_name || *end != '\0' || fd == own) continue;
-    bool connected = false;
-    if (localPortOf(static_cast<int>(fd), &connected) == port && connected) {
+    bool isConnected = false;
+    if (localPortOf(static_cast<int>(fd), &isConnected) == port && isConnected == connected) {
       if (!visit(static_cast<int>(fd))) break;
     }
   }
   closedir(dir);
 }
 
+template <typename Visit>
+void forEachConnection(uint16_t port, Visit visit) {
+  forEachSocketOnPort(port, /*connected=*/true, visit);
+}
+
 // cpp-httplib listens with a backlog of 5, so a client opening many connections at once (the
 // batch upload's sessions) has SYNs dropped and waits out the 1 s retransmission. Listening again
 // on the bound socket raises the backlog.
 void widenListenBacklog(uint16_t port) {
-  DIR* dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return;
-  const int own = dirfd(dir);
-  while (const dirent* item = readdir(dir)) {
-    char* end = nullptr;
-    const long fd = std::strtol(item->d_name, &end, 10);
-    if (end == item->d_name || *end != '\0' || fd == own) continue;
-    bool connected = false;
-    if (localPortOf(static_cast<int>(fd), &connected) == port && !connected) {
-      ::listen(static_cast<int>(fd), SOMAXCONN);
-    }
-  }
-  closedir(dir);
+  forEachSocketOnPort(port, /*connected=*/false, [](int fd) {
+    ::listen(fd, SOMAXCONN);
+    return true;
+  });
 }
 
 void dropConnection(const httplib::Request& request, uint16_t port) {
