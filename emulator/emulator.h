@@ -44,10 +44,10 @@ enum class FaultKind {
   kUnavailable,             // 503 with an empty text body ("503")
   kDrop,                    // the connection is closed without any answer ("drop")
   kTruncate,                // a normal answer whose body stops half way, then EOF ("truncate")
-  kCorrupt,                 // a normal answer with bytes of its body flipped, length kept ("corrupt")
-  kReset,                   // list_folder/continue answers 409 reset ("reset")
-  kLatency,                 // the answer is delayed by `argument` ms, then served ("latency")
-  kTooManyFiles,            // 409 route error too_many_files ("toomanyfiles")
+  kCorrupt,       // a normal answer with bytes of its body flipped, length kept ("corrupt")
+  kReset,         // list_folder/continue answers 409 reset ("reset")
+  kLatency,       // the answer is delayed by `argument` ms, then served ("latency")
+  kTooManyFiles,  // 409 route error too_many_files ("toomanyfiles")
 };
 
 // Where a 429 states its back-off. Dropbox sends both; clients must cope with less.
@@ -189,7 +189,8 @@ class Emulator {
   void setArrivalObserver(ArrivalObserver observer);
   // Called on the worker thread when a request's answer has been decided, just before it is
   // written (or the connection dropped), with its route and the Env's uptime. With the arrival
-  // observer this brackets each request, so a test can count requests in flight. Set before start().
+  // observer this brackets each request, so a test can count requests in flight. Set before
+  // start().
   using DepartureObserver =
       std::function<void(std::string_view route, std::chrono::nanoseconds departureUptime)>;
   void setDepartureObserver(DepartureObserver observer);

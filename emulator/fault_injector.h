@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
-#include <string>
 #include <optional>
 #include <random>
+#include <string>
 #include <string_view>
 #include <vector>
 

@@ -30,7 +30,7 @@ constexpr uint32_t kRetryableURLErrorMask = 2953;
 
 struct RateLimitState {
   std::mutex cooldownMutex;
-  double cooldownDeadline = 0;                 // guarded by cooldownMutex
+  double cooldownDeadline = 0;                // guarded by cooldownMutex
   detail::CooldownObserver cooldownObserver;  // guarded by cooldownMutex
   CountingSemaphore downloadSlots{kDownloadSlots};
   SerialQueue retryQueue{std::string(WDC_RETRY_QUEUE_LABEL_PREFIX) + ".DropboxRetryQueue"};

@@ -90,14 +90,20 @@ void Device::edit(std::mt19937_64& random, size_t count) {
       pendingUploads_[record.uid] = record;
       ledger_.wrote(record);
     } else {
-      const Record record = live_[any[random() % any.size()]];
-      live_.erase(record.uid);
-      tombstoned_.insert(record.uid);
-      pendingUploads_.erase(record.uid);
-      pendingTombstones_[record.uid] = record;
-      ledger_.deleted(record.uid);
+      remove(any[random() % any.size()]);
     }
   }
+}
+
+void Device::remove(const std::string& uid) {
+  const auto found = live_.find(uid);
+  if (found == live_.end()) return;
+  const Record record = found->second;
+  live_.erase(found);
+  tombstoned_.insert(uid);
+  pendingUploads_.erase(uid);
+  pendingTombstones_[uid] = record;
+  ledger_.deleted(uid);
 }
 
 bool Device::hasPendingWork() const {
@@ -111,8 +117,7 @@ bool Device::isStale(const std::string& lockName) const {
   const std::string seconds = lockName.substr(underscore + 1);
   const auto parsed = std::from_chars(seconds.data(), seconds.data() + seconds.size(), taken);
   if (parsed.ec != std::errc()) return true;
-  const double now =
-      std::chrono::duration<double>(Env::current().now().time_since_epoch()).count();
+  const double now = std::chrono::duration<double>(Env::current().now().time_since_epoch()).count();
   return now - taken > static_cast<double>(settings_.staleLockAfter.count());
 }
 
@@ -169,9 +174,10 @@ void Device::applyDownload(const Record& listed,
                            ? verifiedVersion(record, *contents->FileContents)
                            : std::nullopt;
   if (!version) {
-    ledger_.anomaly(fmt::format("{}: the download of {} returned a payload that is no version "
-                                "of it (corrupted)",
-                                id_, recordFileName(record, "u")));
+    ledger_.anomaly(
+        fmt::format("{}: the download of {} returned a payload that is no version "
+                    "of it (corrupted)",
+                    id_, recordFileName(record, "u")));
     return;
   }
   record.version = *version;
@@ -196,8 +202,10 @@ void Device::applyDownload(const Record& listed,
 bool Device::uploadPending(WebDAVConnect& connection, KillPoint killAt, TurnResult& result,
                            std::string& failure) {
   std::map<std::string, std::vector<UploadItem>> byFolder;
-  for (const auto& [uid, record] : pendingUploads_) byFolder[record.folder].push_back({record, false});
-  for (const auto& [uid, record] : pendingTombstones_) byFolder[record.folder].push_back({record, true});
+  for (const auto& [uid, record] : pendingUploads_)
+    byFolder[record.folder].push_back({record, false});
+  for (const auto& [uid, record] : pendingTombstones_)
+    byFolder[record.folder].push_back({record, true});
   bool allWent = true;
   for (const auto& [folder, items] : byFolder) {
     // Fresh objects every time: an uploaded object's metadata is replaced by the store's.
@@ -312,8 +320,8 @@ TurnResult Device::sync(KillPoint killAt) {
   std::vector<std::pair<Record, std::shared_ptr<WebDAVFileMetaData>>> listed;
   for (size_t i = 0; i < kRecordFolders.size(); ++i) {
     error.reset();
-    auto files = connection->getDeltaFileList(&error, kRecordFolders[i], cursor_, std::nullopt,
-                                              i > 0);
+    auto files =
+        connection->getDeltaFileList(&error, kRecordFolders[i], cursor_, std::nullopt, i > 0);
     if (!files) return fail("delta listing");
     for (const auto& meta : *files) {
       if (auto record = listedRecord(*meta, kRecordFolders[i])) listed.emplace_back(*record, meta);

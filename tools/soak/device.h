@@ -22,7 +22,14 @@
 
 namespace wdc::soak {
 
-enum class KillPoint { kNone, kAfterLock, kAfterListing, kDuringDownloads, kDuringUploads, kBeforeUnlock };
+enum class KillPoint {
+  kNone,
+  kAfterLock,
+  kAfterListing,
+  kDuringDownloads,
+  kDuringUploads,
+  kBeforeUnlock
+};
 inline constexpr KillPoint kKillPoints[] = {KillPoint::kAfterLock, KillPoint::kAfterListing,
                                             KillPoint::kDuringDownloads, KillPoint::kDuringUploads,
                                             KillPoint::kBeforeUnlock};
@@ -64,6 +71,8 @@ class Device {
   // `count` random edits: new records, new versions of its own records, deletions of any record
   // it knows.
   void edit(std::mt19937_64& random, size_t count);
+  // Deletes the record `uid` this device holds (any owner's): a tombstone goes up next sync.
+  void remove(const std::string& uid);
 
   TurnResult sync(KillPoint killAt = KillPoint::kNone);
   // After a killed turn: waits until every completion the abandoned connection owes has run.

@@ -3,12 +3,11 @@
 // half way, and after each round the store and every device must agree record by record with
 // what the devices wrote. Prints one line per seed and the totals; exits non-zero on any loss,
 // duplicate, corruption, leftover lock, cooldown violation or more than 4 downloads in flight.
-#include <CLI/CLI.hpp>
-
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
+#include <CLI/CLI.hpp>
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 #include "platform/logger.h"
 #include "tools/soak/soak_run.h"
@@ -68,25 +67,34 @@ int main(int argc, char** argv) {
   std::vector<uint64_t> seeds;
   bool json = false;
   app.add_option("--seed", seeds, "Run exactly these seeds (repeatable)");
-  app.add_option("--first-seed", firstSeed, "First of --seeds consecutive seeds")->capture_default_str();
+  app.add_option("--first-seed", firstSeed, "First of --seeds consecutive seeds")
+      ->capture_default_str();
   app.add_option("--seeds", seedCount, "How many consecutive seeds")->capture_default_str();
   app.add_option("--devices", options.devices, "Devices per seed")
-      ->capture_default_str()->check(CLI::Range(2, 16));
+      ->capture_default_str()
+      ->check(CLI::Range(2, 16));
   app.add_option("--rounds", options.rounds, "Rounds per seed (each ends with a full check)")
-      ->capture_default_str()->check(CLI::Range(1, 1000));
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000));
   app.add_option("--turns", options.turnsPerRound, "Device turns per round before settling")
-      ->capture_default_str()->check(CLI::Range(1, 10000));
+      ->capture_default_str()
+      ->check(CLI::Range(1, 10000));
   app.add_option("--fault-rate", options.faultRate, "Share of requests answered with a fault")
-      ->capture_default_str()->check(CLI::Range(0.0, 0.6));
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 0.6));
   app.add_option("--reset-rate", options.resetRate, "Share of list_folder/continue answered reset")
-      ->capture_default_str()->check(CLI::Range(0.0, 0.9));
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 0.9));
   app.add_option("--entry-fault-rate", options.entryFaultRate,
                  "Share of batch entries failed with too_many_write_operations")
-      ->capture_default_str()->check(CLI::Range(0.0, 0.9));
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 0.9));
   app.add_option("--kill-rate", options.killRate, "Share of turns killed mid-sync")
-      ->capture_default_str()->check(CLI::Range(0.0, 1.0));
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 1.0));
   app.add_option("--time-factor", options.timeFactor, "How much faster the soak's clocks run")
-      ->capture_default_str()->check(CLI::Range(1.0, 100.0));
+      ->capture_default_str()
+      ->check(CLI::Range(1.0, 100.0));
   app.add_flag("--verbose", options.verbose, "Print every turn");
   app.add_flag("--json", json, "One JSON document with every seed's report");
   CLI11_PARSE(app, argc, argv);
@@ -136,24 +144,28 @@ int main(int argc, char** argv) {
   if (json) {
     nlohmann::ordered_json all = nlohmann::ordered_json::array();
     for (const SeedReport& r : reports) all.push_back(toJson(r));
-    std::cout << nlohmann::ordered_json{{"devices", options.devices}, {"passed", allPassed},
-                                        {"seeds", all}}.dump(2)
+    std::cout << nlohmann::ordered_json{{"devices", options.devices},
+                                        {"passed", allPassed},
+                                        {"seeds", all}}
+                     .dump(2)
               << "\n";
     return allPassed ? 0 : 1;
   }
-  fmt::print("\n{} seeds, {} devices each: {} rounds, {} turns ({} killed mid-sync, {} failed "
-             "after retries, {} waited for a lock)\n",
-             reports.size(), options.devices, total.rounds, total.turns, total.kills,
-             total.turnsFailed, total.turnsLockBusy);
+  fmt::print(
+      "\n{} seeds, {} devices each: {} rounds, {} turns ({} killed mid-sync, {} failed "
+      "after retries, {} waited for a lock)\n",
+      reports.size(), options.devices, total.rounds, total.turns, total.kills, total.turnsFailed,
+      total.turnsLockBusy);
   fmt::print("requests {}, answered with a fault {} ({:.1f}%)\n", total.requests,
              total.faultedRequests,
              total.requests ? 100.0 * total.faultedRequests / total.requests : 0.0);
   for (const auto& [kind, n] : total.faultsByKind) fmt::print("  {:<34} {:>7}\n", kind, n);
   fmt::print("records checked {}: lost {}, duplicated {}, corrupted {}; locks left {}\n",
              total.recordsChecked, total.lost, total.duplicated, total.corrupted, total.locksLeft);
-  fmt::print("cooldowns noted {}: requests inside one {} (in flight when noted: {}); peak "
-             "downloads in flight {}\n",
-             total.cooldownsNoted, total.cooldownViolations, total.arrivedInMargin, maxPeak);
+  fmt::print(
+      "cooldowns noted {}: requests inside one {} (in flight when noted: {}); peak "
+      "downloads in flight {}\n",
+      total.cooldownsNoted, total.cooldownViolations, total.arrivedInMargin, maxPeak);
   fmt::print("anomalies {}; {:.1f} s\n{}\n", total.anomalies, total.seconds,
              allPassed ? "PASSED" : "FAILED");
   return allPassed ? 0 : 1;

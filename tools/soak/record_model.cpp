@@ -21,8 +21,8 @@ PlistDictionary payloadFor(const Record& record) {
   payload.set("UID", PlistValue(record.uid));
   payload.set("Owner", PlistValue(record.owner));
   payload.set("Version", PlistValue(static_cast<int64_t>(record.version)));
-  payload.set("Title", PlistValue(fmt::format("{} {} v{}", record.folder, record.uid,
-                                              record.version)));
+  payload.set("Title",
+              PlistValue(fmt::format("{} {} v{}", record.folder, record.uid, record.version)));
   payload.set("Notes", PlistValue(std::move(notes)));
   payload.set("Done", PlistValue(record.version % 2 == 0));
   payload.set("Due", PlistValue(Date::fromUnixSeconds(1'790'000'000.0 +

@@ -27,11 +27,11 @@ void RequestAudit::watch(emu::Emulator& emulator) {
       [this](std::string_view route, bool, std::chrono::nanoseconds at) { arrived(route, at); });
   emulator.setDepartureObserver(
       [this](std::string_view route, std::chrono::nanoseconds) { departed(route); });
-  detail::setCooldownObserver([this](std::chrono::nanoseconds notedAt,
-                                     std::chrono::nanoseconds deadline) {
-    std::lock_guard lock(mutex_);
-    cooldowns_.push_back(Cooldown{notedAt, deadline});
-  });
+  detail::setCooldownObserver(
+      [this](std::chrono::nanoseconds notedAt, std::chrono::nanoseconds deadline) {
+        std::lock_guard lock(mutex_);
+        cooldowns_.push_back(Cooldown{notedAt, deadline});
+      });
 }
 
 void RequestAudit::arrived(std::string_view route, std::chrono::nanoseconds at) {
@@ -62,10 +62,9 @@ RequestAuditFindings RequestAudit::findings() const {
     latest[i] = i == 0 ? cooldowns[i].deadline : std::max(latest[i - 1], cooldowns[i].deadline);
   }
   auto lastNotedBy = [&](std::chrono::nanoseconds t) -> std::ptrdiff_t {
-    auto end = std::upper_bound(cooldowns.begin(), cooldowns.end(), t,
-                                [](std::chrono::nanoseconds v, const Cooldown& c) {
-                                  return v < c.notedAt;
-                                });
+    auto end = std::upper_bound(
+        cooldowns.begin(), cooldowns.end(), t,
+        [](std::chrono::nanoseconds v, const Cooldown& c) { return v < c.notedAt; });
     return (end - cooldowns.begin()) - 1;
   };
   for (const Arrival& arrival : arrivals_) {
@@ -73,10 +72,9 @@ RequestAuditFindings RequestAudit::findings() const {
     if (settled >= 0 && latest[static_cast<size_t>(settled)] > arrival.at) {
       ++found.cooldownViolations;
       if (found.examples.size() < 5) {
-        found.examples.push_back(fmt::format("{} arrived {:.3f} s before a noted cooldown ended",
-                                             arrival.route,
-                                             seconds(latest[static_cast<size_t>(settled)] -
-                                                     arrival.at)));
+        found.examples.push_back(
+            fmt::format("{} arrived {:.3f} s before a noted cooldown ended", arrival.route,
+                        seconds(latest[static_cast<size_t>(settled)] - arrival.at)));
       }
       continue;
     }

@@ -14,6 +14,7 @@
 #include "tools/soak/dilated_env.h"
 #include "tools/soak/ledger.h"
 #include "tools/soak/request_audit.h"
+#include "tools/soak/store_check.h"
 #include "webdavconnect/dropbox_client_config.h"
 #include "webdavconnect/payload.h"
 #include "webdavconnect/webdav_connect.h"
@@ -22,7 +23,6 @@ namespace wdc::soak {
 namespace {
 
 constexpr const char* kToken = "soak-token";
-constexpr size_t kFindingsKept = 40;
 constexpr int kMostSettlePasses = 16;
 // A request the client sent just before the library noted a cooldown can still arrive after it
 // (loopback plus a TLS handshake under load), in the soak's time.
@@ -34,9 +34,8 @@ struct Kind {
 };
 // Every kind of failure the store can answer with, weighted by how often it comes.
 constexpr Kind kFaultMix[] = {
-    {"*:429:1", 2.5},  {"*:429", 2},   {"*:429:1h", 1}, {"*:429:1b", 0.5},
-    {"*:429w:1", 1.5}, {"*:500", 3},   {"*:503", 3},    {"*:drop", 3},
-    {"*:truncate", 2.5}, {"*:corrupt", 2.5},
+    {"*:429:1", 2.5}, {"*:429", 2}, {"*:429:1h", 1}, {"*:429:1b", 0.5},   {"*:429w:1", 1.5},
+    {"*:500", 3},     {"*:503", 3}, {"*:drop", 3},   {"*:truncate", 2.5}, {"*:corrupt", 2.5},
 };
 
 // Probabilities for the mix such that a request meets one of its faults with probability
@@ -70,125 +69,6 @@ void addFaults(emu::Emulator& emulator, const SoakOptions& options) {
   for (const Kind& kind : kFaultMix) add(fmt::format("{}@{:.6f}", kind.rule, kind.weight * scale));
 }
 
-void note(SeedReport& report, std::string finding) {
-  if (report.findings.size() < kFindingsKept) report.findings.push_back(std::move(finding));
-}
-
-// The store and every device against the ledger, record by record.
-void checkRound(int round, const emu::Emulator& emulator, const Ledger& ledger,
-                const std::vector<std::unique_ptr<Device>>& devices, SeedReport& report) {
-  const auto truth = ledger.records();
-  const auto deleted = ledger.deletedUids();
-  std::map<std::string, Record> storeLive;  // uid -> record as stored
-  std::map<std::string, int> uFiles;
-  std::set<std::string> tombstones;
-  for (const std::string& path : emulator.listPaths()) {
-    const auto entry = emulator.lookup(path);
-    if (!entry || entry->isFolder) continue;
-    const auto slash = path.rfind('/');
-    const std::string folder = path.substr(1, slash == 0 ? 0 : slash - 1);
-    const std::string file = path.substr(slash + 1);
-    if (folder.empty() && file.ends_with(".tsl")) {
-      ++report.locksLeft;
-      note(report, fmt::format("round {}: lock {} left on the store", round, file));
-      continue;
-    }
-    const auto name = parseRecordName(file);
-    if (!name || name->extension != folder) {
-      ++report.duplicated;
-      note(report, fmt::format("round {}: stray file {}", round, path));
-      continue;
-    }
-    if (name->opType == "d") {
-      tombstones.insert(name->uid);
-      continue;
-    }
-    ++uFiles[name->uid];
-    const auto known = truth.find(name->uid);
-    const auto bytes = emulator.readFile(path);
-    std::optional<Error> error;
-    const auto payload =
-        bytes ? decodeStoredPayload(std::span(reinterpret_cast<const uint8_t*>(bytes->data()),
-                                              bytes->size()),
-                                    &error)
-              : std::nullopt;
-    Record record{name->uid, folder, name->container, name->parent,
-                  known == truth.end() ? "" : known->second.owner, 0};
-    const auto version = payload && payload->isDictionary()
-                             ? verifiedVersion(record, payload->asDictionary())
-                             : std::nullopt;
-    if (!version) {
-      ++report.corrupted;
-      note(report, fmt::format("round {}: {} on the store is no version of its record", round,
-                               path));
-      continue;
-    }
-    record.version = *version;
-    storeLive[name->uid] = record;
-  }
-  // A tombstone wins over a "u" file; devices delete the "u" file once they see the tombstone.
-  for (const std::string& uid : tombstones) {
-    if (storeLive.erase(uid) > 0) {
-      ++report.duplicated;
-      note(report, fmt::format("round {}: deleted {} still has its record file", round, uid));
-    }
-  }
-  for (const auto& [uid, count] : uFiles) {
-    if (count > 1) ++report.duplicated;
-  }
-
-  // The store against what the devices meant.
-  for (const auto& [uid, record] : truth) {
-    const auto stored = storeLive.find(uid);
-    if (deleted.contains(uid)) {
-      if (!tombstones.contains(uid)) {
-        ++report.lost;
-        note(report, fmt::format("round {}: the deletion of {} was lost", round, uid));
-      }
-      continue;
-    }
-    if (stored == storeLive.end()) {
-      ++report.lost;
-      note(report, fmt::format("round {}: {} v{} is not on the store", round, uid,
-                               record.version));
-    } else if (stored->second.version != record.version) {
-      ++report.lost;
-      note(report, fmt::format("round {}: the store has {} v{}, its owner wrote v{}", round, uid,
-                               stored->second.version, record.version));
-    }
-  }
-  for (const auto& [uid, record] : storeLive) {
-    if (!truth.contains(uid)) {
-      ++report.duplicated;
-      note(report, fmt::format("round {}: {} on the store was never created", round, uid));
-    }
-  }
-  report.recordsChecked += storeLive.size();
-
-  // Every device against the store.
-  for (const auto& device : devices) {
-    for (const auto& [uid, record] : storeLive) {
-      const auto held = device->live().find(uid);
-      if (held == device->live().end()) {
-        ++report.lost;
-        note(report, fmt::format("round {}: {} lacks {}", round, device->id(), uid));
-      } else if (held->second.version != record.version) {
-        ++report.lost;
-        note(report, fmt::format("round {}: {} holds {} v{}, the store v{}", round, device->id(),
-                                 uid, held->second.version, record.version));
-      }
-    }
-    for (const auto& [uid, record] : device->live()) {
-      if (!storeLive.contains(uid)) {
-        ++report.duplicated;
-        note(report, fmt::format("round {}: {} still holds {}, which is not on the store", round,
-                                 device->id(), uid));
-      }
-    }
-    report.recordsChecked += device->live().size();
-  }
-}
-
 }  // namespace
 
 bool SeedReport::passed() const {
@@ -213,7 +93,8 @@ SeedReport runSeed(const SoakOptions& options) {
     RequestAudit audit(kInFlightMargin);
     Ledger ledger;
     {
-      emu::Emulator emulator({.tls = true, .token = kToken, .faultSeed = options.seed, .env = &env});
+      emu::Emulator emulator(
+          {.tls = true, .token = kToken, .faultSeed = options.seed, .env = &env});
       audit.watch(emulator);
       std::string problem;
       if (!emulator.start(&problem) ||
@@ -243,10 +124,18 @@ SeedReport runSeed(const SoakOptions& options) {
       auto count = [&](const Device& device, const TurnResult& turn) {
         ++report.turns;
         switch (turn.outcome) {
-          case TurnOutcome::kCompleted: ++report.turnsCompleted; break;
-          case TurnOutcome::kFailed: ++report.turnsFailed; break;
-          case TurnOutcome::kLockBusy: ++report.turnsLockBusy; break;
-          case TurnOutcome::kKilled: ++report.kills; break;
+          case TurnOutcome::kCompleted:
+            ++report.turnsCompleted;
+            break;
+          case TurnOutcome::kFailed:
+            ++report.turnsFailed;
+            break;
+          case TurnOutcome::kLockBusy:
+            ++report.turnsLockBusy;
+            break;
+          case TurnOutcome::kKilled:
+            ++report.kills;
+            break;
         }
         if (options.verbose) {
           fmt::print(stderr, "  seed {} {}: {} down {} up {} del {} locks cleared {}{}\n",
@@ -271,7 +160,8 @@ SeedReport runSeed(const SoakOptions& options) {
             device.edit(random, random() % 6);
           }
           const bool kill = std::uniform_real_distribution<double>(0, 1)(random) < options.killRate;
-          const KillPoint at = kill ? kKillPoints[random() % std::size(kKillPoints)] : KillPoint::kNone;
+          const KillPoint at =
+              kill ? kKillPoints[random() % std::size(kKillPoints)] : KillPoint::kNone;
           count(device, device.sync(at));
           if (kill) device.drain();
         }
@@ -296,8 +186,8 @@ SeedReport runSeed(const SoakOptions& options) {
         }
         if (!settled) {
           report.converged = false;
-          note(report, fmt::format("round {}: the devices did not settle in {} passes", round,
-                                   kMostSettlePasses));
+          noteFinding(report, fmt::format("round {}: the devices did not settle in {} passes",
+                                          round, kMostSettlePasses));
         }
         checkRound(round, emulator, ledger, devices, report);
         ++report.rounds;
@@ -316,10 +206,10 @@ SeedReport runSeed(const SoakOptions& options) {
     report.cooldownViolations = found.cooldownViolations;
     report.arrivedInMargin = found.arrivedInMargin;
     report.peakDownloadsInFlight = found.peakDownloadsInFlight;
-    for (const std::string& example : found.examples) note(report, "cooldown: " + example);
+    for (const std::string& example : found.examples) noteFinding(report, "cooldown: " + example);
     for (const std::string& anomaly : ledger.anomalies()) {
       ++report.anomalies;
-      note(report, anomaly);
+      noteFinding(report, anomaly);
     }
     WebDAVConnect::resetDropboxRateLimitStateForTesting();
     // Empties the process-wide folder snapshot cache before the next seed's store.
