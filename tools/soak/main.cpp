@@ -42,6 +42,8 @@ nlohmann::ordered_json toJson(const SeedReport& r) {
           {"requests", r.requests},
           {"faultedRequests", r.faultedRequests},
           {"faultsByKind", r.faultsByKind},
+          {"zipRequests", r.zipRequests},
+          {"downloadRequests", r.downloadRequests},
           {"recordsChecked", r.recordsChecked},
           {"lost", r.lost},
           {"duplicated", r.duplicated},
@@ -128,6 +130,8 @@ int main(int argc, char** argv) {
     total.kills += r.kills;
     total.requests += r.requests;
     total.faultedRequests += r.faultedRequests;
+    total.zipRequests += r.zipRequests;
+    total.downloadRequests += r.downloadRequests;
     for (const auto& [kind, n] : r.faultsByKind) total.faultsByKind[kind] += n;
     total.recordsChecked += r.recordsChecked;
     total.lost += r.lost;
@@ -159,7 +163,9 @@ int main(int argc, char** argv) {
   fmt::print("requests {}, answered with a fault {} ({:.1f}%)\n", total.requests,
              total.faultedRequests,
              total.requests ? 100.0 * total.faultedRequests / total.requests : 0.0);
-  for (const auto& [kind, n] : total.faultsByKind) fmt::print("  {:<34} {:>7}\n", kind, n);
+  for (const auto& [kind, n] : total.faultsByKind) fmt::print("  {:<38} {:>7}\n", kind, n);
+  fmt::print("folder snapshot requests {}, single downloads {}\n", total.zipRequests,
+             total.downloadRequests);
   fmt::print("records checked {}: lost {}, duplicated {}, corrupted {}; locks left {}\n",
              total.recordsChecked, total.lost, total.duplicated, total.corrupted, total.locksLeft);
   fmt::print(

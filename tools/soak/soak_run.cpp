@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <memory>
@@ -23,7 +24,7 @@ namespace wdc::soak {
 namespace {
 
 constexpr const char* kToken = "soak-token";
-constexpr int kMostSettlePasses = 16;
+constexpr int kMostSettlePasses = 40;
 // A request the client sent just before the library noted a cooldown can still arrive after it
 // (loopback plus a TLS handshake under load), in the soak's time.
 constexpr auto kInFlightMargin = std::chrono::milliseconds(500);
@@ -165,24 +166,28 @@ SeedReport runSeed(const SoakOptions& options) {
           count(device, device.sync(at));
           if (kill) device.drain();
         }
-        // Settle: turns without kills (faults stay on) until a whole pass has every device
-        // complete with nothing left to do. A dead device's lock holds others off until stale.
+        // Settle: turns without kills (faults stay on) until every device has completed a turn
+        // with nothing to do since the store last changed. A dead device's lock holds the
+        // others off until it is stale.
         bool settled = false;
+        int64_t tick = 0, lastChange = 0;
+        std::vector<int64_t> cleanAt(devices.size(), -1);
         for (int pass = 0; pass < kMostSettlePasses && !settled; ++pass) {
           ++report.settlePasses;
-          settled = true;
-          for (auto& device : devices) {
-            const bool hadWork = device->hasPendingWork();
-            TurnResult turn = device->sync();
-            count(*device, turn);
-            if (turn.outcome == TurnOutcome::kLockBusy) {
-              env.sleepFor(settings.staleLockAfter / 2);
-            }
-            if (turn.outcome != TurnOutcome::kCompleted || hadWork || turn.uploaded > 0 ||
-                turn.filesDeleted > 0 || device->hasPendingWork()) {
-              settled = false;
-            }
+          for (size_t i = 0; i < devices.size(); ++i) {
+            ++tick;
+            const bool hadWork = devices[i]->hasPendingWork();
+            const TurnResult turn = devices[i]->sync();
+            count(*devices[i], turn);
+            // An upload that failed may still have landed: any attempt counts as a change.
+            if (hadWork || turn.uploaded > 0 || turn.filesDeleted > 0) lastChange = tick;
+            const bool clean = turn.outcome == TurnOutcome::kCompleted && !hadWork &&
+                               !devices[i]->hasPendingWork();
+            cleanAt[i] = clean ? tick : -1;
+            if (turn.outcome == TurnOutcome::kLockBusy) env.sleepFor(settings.staleLockAfter / 2);
           }
+          settled = std::all_of(cleanAt.begin(), cleanAt.end(),
+                                [&](int64_t at) { return at > lastChange; });
         }
         if (!settled) {
           report.converged = false;
@@ -195,6 +200,8 @@ SeedReport runSeed(const SoakOptions& options) {
       devices.clear();  // waits for anything still owed
       emulator.stop();
       report.requests = emulator.requestCount("*");
+      report.zipRequests = emulator.requestCount("files/download_zip");
+      report.downloadRequests = emulator.requestCount("files/download");
       report.faultsByKind = emulator.injectedFaultCounts();
       for (const auto& [kind, n] : report.faultsByKind) {
         if (kind.find("batch entries") == std::string::npos) report.faultedRequests += n;

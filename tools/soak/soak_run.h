@@ -35,6 +35,7 @@ struct SeedReport {
   uint64_t turns = 0, turnsCompleted = 0, turnsFailed = 0, turnsLockBusy = 0, kills = 0;
   uint64_t settlePasses = 0;
   uint64_t requests = 0, faultedRequests = 0;
+  uint64_t zipRequests = 0, downloadRequests = 0;  // files/download_zip, files/download
   std::map<std::string, uint64_t> faultsByKind;
   uint64_t recordsChecked = 0;  // live records compared, on the store and on each device
   uint64_t lost = 0, duplicated = 0, corrupted = 0, locksLeft = 0;
