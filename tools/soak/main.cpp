@@ -97,9 +97,15 @@ int main(int argc, char** argv) {
   app.add_option("--time-factor", options.timeFactor, "How much faster the soak's clocks run")
       ->capture_default_str()
       ->check(CLI::Range(1.0, 100.0));
+  int64_t marginMs = options.inFlightMargin.count();
+  app.add_option("--in-flight-margin-ms", marginMs,
+                 "Real time a request sent before a cooldown was noted may take to arrive")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 10'000));
   app.add_flag("--verbose", options.verbose, "Print every turn");
   app.add_flag("--json", json, "One JSON document with every seed's report");
   CLI11_PARSE(app, argc, argv);
+  options.inFlightMargin = std::chrono::milliseconds(marginMs);
   if (seeds.empty()) {
     for (uint64_t i = 0; i < seedCount; ++i) seeds.push_back(firstSeed + i);
   }

@@ -25,9 +25,6 @@ namespace {
 
 constexpr const char* kToken = "soak-token";
 constexpr int kMostSettlePasses = 40;
-// A request the client sent just before the library noted a cooldown can still arrive after it
-// (loopback plus a TLS handshake under load), in the soak's time.
-constexpr auto kInFlightMargin = std::chrono::milliseconds(500);
 
 struct Kind {
   const char* rule;  // ROUTE:KIND[:ARG] without the probability
@@ -91,7 +88,8 @@ SeedReport runSeed(const SoakOptions& options) {
     const auto previousDirectory = std::filesystem::current_path();
     std::filesystem::current_path(env.temporaryDirectory());
 
-    RequestAudit audit(kInFlightMargin);
+    RequestAudit audit(std::chrono::duration_cast<std::chrono::nanoseconds>(
+        options.inFlightMargin * options.timeFactor));
     Ledger ledger;
     {
       emu::Emulator emulator(

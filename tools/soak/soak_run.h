@@ -3,6 +3,7 @@
 // a record-by-record check of the store and every device against the ledger.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -26,6 +27,9 @@ struct SoakOptions {
   double killRate = 0.15;
   // How much faster the soak's clocks run than real time (back-offs shrink by as much).
   double timeFactor = 10;
+  // Real time a request sent just before the library noted a cooldown may take to reach the
+  // server (a TLS handshake on a loaded machine); arrivals that late are not counted against it.
+  std::chrono::milliseconds inFlightMargin{100};
   bool verbose = false;
 };
 
