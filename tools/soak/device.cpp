@@ -155,9 +155,11 @@ bool Device::waitForCompletions(const char* what) {
 bool Device::drain() { return waitForCompletions("abandoned"); }
 
 void Device::learnDeleted(const Record& record) {
+  // The deleting device removes the record file once its tombstone is stored; others only
+  // when they see that file still (or again) there.
   live_.erase(record.uid);
   pendingUploads_.erase(record.uid);
-  if (tombstoned_.insert(record.uid).second) pendingCleanup_[record.uid] = record;
+  tombstoned_.insert(record.uid);
 }
 
 void Device::applyDownload(const Record& listed,
@@ -387,6 +389,8 @@ TurnResult Device::sync(KillPoint killAt) {
     }
     applyDownload(slot->record, slot->contents, result);
   }
+  // Everything listed is applied: the next turn continues from here.
+  if (failedDownloads == 0) cursor_ = nextCursor;
 
   std::string uploadFailure;
   const bool uploaded = uploadPending(*connection, killAt, result, uploadFailure);
@@ -415,8 +419,6 @@ TurnResult Device::sync(KillPoint killAt) {
   if (sweepLocks(*connection, false, result, error) == LockSweep::kError) {
     return fail("own leftover locks");
   }
-  // Everything listed is applied: the next turn continues from here.
-  if (failedDownloads == 0) cursor_ = nextCursor;
   result.outcome = result.failure.empty() ? TurnOutcome::kCompleted : TurnOutcome::kFailed;
   return result;
 }

@@ -22,9 +22,9 @@ struct SoakOptions {
   // Share of list_folder/continue requests answered with a cursor reset, and of batch entries
   // failed with too_many_write_operations.
   double resetRate = 0.15;
-  double entryFaultRate = 0.05;
+  double entryFaultRate = 0.03;
   // Share of turns killed at a random point.
-  double killRate = 0.15;
+  double killRate = 0.25;
   // How much faster the soak's clocks run than real time (back-offs shrink by as much).
   double timeFactor = 10;
   // Real time a request sent just before the library noted a cooldown may take to reach the
