@@ -174,6 +174,12 @@ bool Emulator::Impl::checkAppAuth(Exchange& exchange) {
 }
 
 std::optional<FaultKind> Emulator::Impl::serve(Exchange& exchange) {
+  const std::optional<FaultKind> transportFault = answer(exchange);
+  if (departureObserver) departureObserver(exchange.route, env().uptime());
+  return transportFault;
+}
+
+std::optional<FaultKind> Emulator::Impl::answer(Exchange& exchange) {
   const auto arrival = env().uptime();
   {
     std::lock_guard lock(mutex);
@@ -360,6 +366,14 @@ void Emulator::invalidateCursors() {
 
 void Emulator::setArrivalObserver(ArrivalObserver observer) {
   impl_->arrivalObserver = std::move(observer);
+}
+
+void Emulator::setDepartureObserver(DepartureObserver observer) {
+  impl_->departureObserver = std::move(observer);
+}
+
+std::map<std::string, uint64_t> Emulator::injectedFaultCounts() const {
+  return impl_->faults.appliedCounts();
 }
 
 uint64_t Emulator::requestCount(std::string_view route) const {

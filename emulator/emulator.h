@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,10 +44,10 @@ enum class FaultKind {
   kUnavailable,             // 503 with an empty text body ("503")
   kDrop,                    // the connection is closed without any answer ("drop")
   kTruncate,                // a normal answer whose body stops half way, then EOF ("truncate")
-  kCorrupt,                 // a normal answer with bytes of its body flipped, length kept ("corrupt")
-  kReset,                   // list_folder/continue answers 409 reset ("reset")
-  kLatency,                 // the answer is delayed by `argument` ms, then served ("latency")
-  kTooManyFiles,            // 409 route error too_many_files ("toomanyfiles")
+  kCorrupt,       // a normal answer with bytes of its body flipped, length kept ("corrupt")
+  kReset,         // list_folder/continue answers 409 reset ("reset")
+  kLatency,       // the answer is delayed by `argument` ms, then served ("latency")
+  kTooManyFiles,  // 409 route error too_many_files ("toomanyfiles")
 };
 
 // Where a 429 states its back-off. Dropbox sends both; clients must cope with less.
@@ -186,6 +187,16 @@ class Emulator {
   using ArrivalObserver = std::function<void(std::string_view route, bool rateLimited,
                                              std::chrono::nanoseconds arrivalUptime)>;
   void setArrivalObserver(ArrivalObserver observer);
+  // Called on the worker thread when a request's answer has been decided, just before it is
+  // written (or the connection dropped), with its route and the Env's uptime. With the arrival
+  // observer this brackets each request, so a test can count requests in flight. Set before
+  // start().
+  using DepartureObserver =
+      std::function<void(std::string_view route, std::chrono::nanoseconds departureUptime)>;
+  void setDepartureObserver(DepartureObserver observer);
+  // Requests (and batch entries) each kind of injected fault has answered, by label
+  // ("429 (Retry-After)", "429 (no Retry-After)", "500", "drop", "429w on batch entries", ...).
+  [[nodiscard]] std::map<std::string, uint64_t> injectedFaultCounts() const;
 
   // Direct state access. Paths are display paths ("/Notes/a.txt"); missing parents are created.
   // putFile returns the new entry, or nullopt when a file sits where a folder is needed.

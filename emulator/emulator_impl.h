@@ -59,9 +59,12 @@ struct Emulator::Impl {
   Env& env() const;
   TimePoint now() const;
 
-  // Runs one request: counting, faults, latency, auth, argument decoding and the route.
-  // Returns the transport fault the listener must apply (kDrop or kTruncate), if any.
+  // Runs one request: counting, faults, latency, auth, argument decoding and the route, then
+  // tells the departure observer. Returns the transport fault the listener must apply (kDrop or
+  // kTruncate), if any.
   std::optional<FaultKind> serve(Exchange& exchange);
+  // serve() without the departure notice.
+  std::optional<FaultKind> answer(Exchange& exchange);
   // Waits `ms` milliseconds, or less when the emulator stops.
   void pause(uint32_t ms);
 
@@ -84,6 +87,7 @@ struct Emulator::Impl {
   Store store;
   std::map<std::string, uint64_t, std::less<>> counts;
   Emulator::ArrivalObserver arrivalObserver;
+  Emulator::DepartureObserver departureObserver;
   uint64_t total = 0;
   // Issued access tokens and when they expire (Env uptime).
   std::map<std::string, std::chrono::nanoseconds, std::less<>> issuedTokens;

@@ -4,6 +4,57 @@
 #include <limits>
 
 namespace wdc::emu {
+namespace {
+
+std::string label(const FaultRule& rule, bool entry) {
+  std::string text;
+  switch (rule.kind) {
+    case FaultKind::kTooManyRequests:
+      text = "429";
+      break;
+    case FaultKind::kTooManyWriteOperations:
+      text = "429w";
+      break;
+    case FaultKind::kInternalError:
+      text = "500";
+      break;
+    case FaultKind::kUnavailable:
+      text = "503";
+      break;
+    case FaultKind::kDrop:
+      text = "drop";
+      break;
+    case FaultKind::kTruncate:
+      text = "truncate";
+      break;
+    case FaultKind::kCorrupt:
+      text = "corrupt";
+      break;
+    case FaultKind::kReset:
+      text = "reset";
+      break;
+    case FaultKind::kLatency:
+      text = "latency";
+      break;
+    case FaultKind::kTooManyFiles:
+      text = "toomanyfiles";
+      break;
+  }
+  if (rule.kind == FaultKind::kTooManyRequests || rule.kind == FaultKind::kTooManyWriteOperations) {
+    if (!rule.argument || rule.placement == RetryAfterPlacement::kNone) {
+      text += " (no Retry-After)";
+    } else if (rule.placement == RetryAfterPlacement::kHeaderOnly) {
+      text += " (Retry-After header only)";
+    } else if (rule.placement == RetryAfterPlacement::kBodyOnly) {
+      text += " (retry_after in body only)";
+    } else {
+      text += " (Retry-After)";
+    }
+  }
+  return entry ? text + " on batch entries" : text;
+}
+
+}  // namespace
 
 void FaultInjector::add(FaultRule rule) {
   std::lock_guard lock(mutex_);
@@ -35,10 +86,16 @@ FaultDecision FaultInjector::decide(std::string_view route, bool wildcard) {
       decision.latencyMs += rule.argument.value_or(0);
     } else {
       decision.fault = rule;
+      ++applied_[label(rule, !wildcard)];
     }
   }
   std::erase_if(slots_, [](const Slot& slot) { return slot.remaining == 0; });
   return decision;
+}
+
+std::map<std::string, uint64_t> FaultInjector::appliedCounts() const {
+  std::lock_guard lock(mutex_);
+  return applied_;
 }
 
 }  // namespace wdc::emu

@@ -37,7 +37,8 @@ int file_uncompress(const char* file);
 int gz_compress(std::FILE* in, gzFile_s* out);
 
 // Copies the gzip stream `in` into `out` in 16 KB pieces, then closes `out` and then `in`.
-// Returns 0, or -1 after printing why (streams not yet closed stay open).
+// Returns 0, or -1 after printing why. Takes ownership of both streams: a damaged stream or a
+// failed write closes both; only when closing `out` fails is `in` left open.
 int gz_uncompress(gzFile_s* in, std::FILE* out);
 
 // Prints "gzip: <message>" and a line break to standard error. Never exits.

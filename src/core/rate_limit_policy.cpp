@@ -7,6 +7,7 @@
 #include <array>
 #include <mutex>
 
+#include "core/cooldown_observer.h"
 #include "platform/env.h"
 #include "platform/logger.h"
 #include "platform/semaphore.h"
@@ -29,7 +30,8 @@ constexpr uint32_t kRetryableURLErrorMask = 2953;
 
 struct RateLimitState {
   std::mutex cooldownMutex;
-  double cooldownDeadline = 0;  // guarded by cooldownMutex
+  double cooldownDeadline = 0;                // guarded by cooldownMutex
+  detail::CooldownObserver cooldownObserver;  // guarded by cooldownMutex
   CountingSemaphore downloadSlots{kDownloadSlots};
   SerialQueue retryQueue{std::string(WDC_RETRY_QUEUE_LABEL_PREFIX) + ".DropboxRetryQueue"};
 };
@@ -76,7 +78,10 @@ void WebDAVConnect::noteDropboxRateLimitWithSuggestedDelay(double seconds) {
   double now = uptimeSeconds();  // read before the lock, as the deadline only moves later anyway
   auto& s = state();
   std::lock_guard<std::mutex> lock(s.cooldownMutex);
-  s.cooldownDeadline = std::max(s.cooldownDeadline, now + std::max(seconds, 0.0));
+  const double deadline = now + std::max(seconds, 0.0);
+  if (deadline <= s.cooldownDeadline) return;
+  s.cooldownDeadline = deadline;
+  if (s.cooldownObserver) s.cooldownObserver(fromSeconds(now), fromSeconds(deadline));
 }
 
 double WebDAVConnect::dropboxCooldownRemainingSeconds() {
@@ -116,4 +121,13 @@ void WebDAVConnect::resetDropboxRateLimitStateForTesting() {
   s.cooldownDeadline = 0;
 }
 
+namespace detail {
+
+void setCooldownObserver(CooldownObserver observer) {
+  auto& s = state();
+  std::lock_guard<std::mutex> lock(s.cooldownMutex);
+  s.cooldownObserver = std::move(observer);
+}
+
+}  // namespace detail
 }  // namespace wdc

@@ -61,8 +61,15 @@ RawOutcome failed(DBRequestError error) {
   return raw;
 }
 
-// A download whose body does not hash to the content hash its metadata states was damaged on
-// the way: it becomes a lost connection (retryable), and its scratch file goes.
+bool isExpiredTokenAnswer(const RawOutcome& raw) {
+  const auto& error = raw.classified.requestError;
+  return raw.classified.kind == ClassifiedResponse::Kind::kRequestError && error &&
+         error->kind == DBRequestError::Kind::kAuth &&
+         error->authErrorTag == std::optional<std::string>("expired_access_token");
+}
+
+}  // namespace
+
 void checkContentHash(RawOutcome& raw, const std::string& route) {
   if (raw.classified.kind != ClassifiedResponse::Kind::kResult) return;
   const auto& value = raw.classified.value;
@@ -84,15 +91,6 @@ void checkContentHash(RawOutcome& raw, const std::string& route) {
       fmt::format("{}: content hash mismatch (expected {}, got {})", route, expected,
                   actual.value_or("unreadable body")));
 }
-
-bool isExpiredTokenAnswer(const RawOutcome& raw) {
-  const auto& error = raw.classified.requestError;
-  return raw.classified.kind == ClassifiedResponse::Kind::kRequestError && error &&
-         error->kind == DBRequestError::Kind::kAuth &&
-         error->authErrorTag == std::optional<std::string>("expired_access_token");
-}
-
-}  // namespace
 
 std::shared_ptr<OperationQueue> inlineQueue() {
   static auto queue = std::make_shared<InlineQueue>();

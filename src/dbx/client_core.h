@@ -138,6 +138,11 @@ void typeOutcome(const RawOutcome& raw, std::optional<Result>& result,
   }
 }
 
+// A download whose body does not hash to the content hash its metadata states was damaged on
+// the way: it becomes a lost connection (retryable), and its scratch file goes. Other outcomes,
+// and results that state no hash, are left as they are.
+void checkContentHash(RawOutcome& raw, const std::string& route);
+
 // Moves a finished download's scratch file onto its destination; false when that fails.
 bool placeDownload(const std::filesystem::path& scratch, const std::filesystem::path& destination,
                    std::error_code& error);

@@ -70,12 +70,18 @@ int gz_uncompress(gzFile in, std::FILE* out) {
     if (length < 0) {
       int errnum = 0;
       showerror(gzerror(in, &errnum));
+      // A damaged stream is an everyday input (a bad download): leaking both descriptors on
+      // each one would wear a long-running host down.
+      std::fclose(out);
+      gzclose(in);
       return -1;
     }
     if (length == 0) break;
     if (std::fwrite(buffer, 1, static_cast<size_t>(length), out) !=
         static_cast<size_t>(length)) {
       showerror("failed fwrite");
+      std::fclose(out);
+      gzclose(in);
       return -1;
     }
   }
@@ -134,6 +140,7 @@ int file_uncompress(const char* file) {
   if (out == nullptr) {
     // Named by the argument as given, not by the derived output name.
     printSystemError(file);
+    gzclose(in);
     return 0;
   }
   if (gz_uncompress(in, out) != 0) return 0;

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <random>
 
 #include "platform/virtual_env.h"
@@ -186,6 +187,34 @@ TEST_F(GzipFileToolTest, DamagedArchivesAreKeptAndReported) {
     EXPECT_EQ(run({"-d", path("d.txt.gz")}), 0);
     EXPECT_EQ(stderr_, c.message) << c.name;
   }
+}
+
+// Open descriptors of this process.
+size_t openDescriptors() {
+  return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/fd"),
+                                           fs::directory_iterator()));
+}
+
+TEST_F(GzipFileToolTest, FailedRestoresReleaseTheirFiles) {
+  // A damaged download is restored through here: each failure must give back both the gzip
+  // input and the output file, or a long-running host runs out of descriptors.
+  Bytes corrupt = *gzipDeflate(text_);
+  corrupt[20] ^= 0xFF;
+  corrupt[21] ^= 0xFF;
+  corrupt[22] ^= 0xFF;
+  fs::create_directory(path("dir"));
+  writeFileBytes(path("dir.gz"), *gzipDeflate(text_));  // its output cannot be opened
+  const size_t before = openDescriptors();
+  for (int i = 0; i < 3; ++i) {
+    writeFileBytes(path("d.txt.gz"), corrupt);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(file_uncompress(path("d.txt.gz").c_str()), 0);
+    EXPECT_EQ(file_uncompress(path("dir.gz").c_str()), 0);
+    testing::internal::GetCapturedStderr();
+  }
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_TRUE(fs::exists(path("d.txt.gz")));
+  EXPECT_TRUE(fs::exists(path("dir.gz")));
 }
 
 TEST_F(GzipFileToolTest, SuffixAloneIsABaseName) {
