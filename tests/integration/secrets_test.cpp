@@ -56,6 +56,23 @@ class Secrets : public EmulatedDropbox {
     }
   }
 
+  // The host's own set-up, with the app credentials a refresh needs, over `store`.
+  DropboxClientConfig hostConfig() const {
+    DropboxClientConfig config;
+    config.apiBaseUrl = emulator_->baseUrl();
+    config.contentBaseUrl = emulator_->baseUrl();
+    config.caFile = certificatePath_;
+    config.tokenStorePath = tokenStorePath_;
+    config.appKey = WDC_DROPBOX_APP_KEY;
+    config.appSecret = WDC_DROPBOX_APP_SECRET;
+    return config;
+  }
+  void setUpHost(const dbx::DBTokenStoreContents& store) {
+    ASSERT_TRUE(dbx::saveTokenStore(tokenStorePath_, store));
+    std::optional<Error> error;
+    ASSERT_TRUE(setUpDropboxClient(hostConfig(), &error)) << error->description();
+  }
+
   std::vector<std::string> issued_;
 };
 
@@ -67,7 +84,7 @@ dbx::DBTokenStoreContents refreshable(const std::string& access) {
 }
 
 TEST_F(Secrets, ARefreshAndTheRequestsAroundItNameNoToken) {
-  setUpClients(refreshable(kAccessToken));
+  setUpHost(refreshable(kAccessToken));
   emulator_->expireAccessTokens(/*includeConfigured=*/true);
   auto connection = newConnection();
   std::optional<Error> error;
@@ -81,7 +98,7 @@ TEST_F(Secrets, ARefreshAndTheRequestsAroundItNameNoToken) {
 
 TEST_F(Secrets, ExpiredAndRefusedTokensFailWithoutNamingThemselves) {
   // Expired, with nothing to refresh it with.
-  setUpClients(accessTokenOnly());
+  setUpHost(accessTokenOnly());
   emulator_->expireAccessTokens(/*includeConfigured=*/true);
   std::optional<Error> expired;
   EXPECT_FALSE(newConnection()->getAccountUsername(&expired));
@@ -90,7 +107,7 @@ TEST_F(Secrets, ExpiredAndRefusedTokensFailWithoutNamingThemselves) {
   expectNoSecretIn(expired);
 
   // Refused outright.
-  setUpClients(refreshable(kRefusedAccessToken));
+  setUpHost(refreshable(kRefusedAccessToken));
   std::optional<Error> refused;
   EXPECT_FALSE(newConnection()->getAccountUsername(&refused));
   ASSERT_TRUE(refused);
@@ -99,7 +116,7 @@ TEST_F(Secrets, ExpiredAndRefusedTokensFailWithoutNamingThemselves) {
 
   // Expired, and the server refuses the refresh too: the original 401 comes back.
   emulator_->addRefreshToken("the-only-valid-refresh-token");
-  setUpClients(refreshable(kAccessToken));
+  setUpHost(refreshable(kAccessToken));
   std::optional<Error> refreshRefused;
   EXPECT_FALSE(newConnection()->getAccountUsername(&refreshRefused));
   ASSERT_TRUE(refreshRefused);
@@ -110,12 +127,7 @@ TEST_F(Secrets, ExpiredAndRefusedTokensFailWithoutNamingThemselves) {
 }
 
 TEST_F(Secrets, LinkingAndBrokenTokenStoresNameNoToken) {
-  DropboxClientConfig config;
-  config.apiBaseUrl = emulator_->baseUrl();
-  config.contentBaseUrl = emulator_->baseUrl();
-  config.caFile = certificatePath_;
-  config.appKey = WDC_DROPBOX_APP_KEY;
-  config.appSecret = WDC_DROPBOX_APP_SECRET;
+  DropboxClientConfig config = hostConfig();
   const DropboxAccountToken linked{kLinkedAccessToken, kLinkedRefreshToken, std::nullopt};
 
   // A store that cannot be written: its folder is a file.
