@@ -70,4 +70,7 @@ expect_failure "link without a code" 10 "$wdc" "${global[@]}" "${store[@]}" link
 expect_failure "unreachable store" 20 "$wdc" --api https://127.0.0.1:9 --content https://127.0.0.1:9 \
   --token T account
 grep -q -- "-1004" "$scratch/err" || fail "unreachable: $(cat "$scratch/err")"
+# Without the emulator's certificate the store is not trusted: there is no switch to skip the check.
+expect_failure "untrusted certificate" 10 "$wdc" --api "$url" --content "$url" --token T account
+grep -q -- "-1202" "$scratch/err" || fail "untrusted: $(cat "$scratch/err")"
 echo "PASS"
