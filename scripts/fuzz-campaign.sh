@@ -51,15 +51,16 @@ scratch_tmp() {
   if [[ -d /dev/shm && -w /dev/shm ]]; then echo /dev/shm; else echo "${TMPDIR:-/tmp}"; fi
 }
 
-# Replaces the inputs the fuzzer found (named by their SHA-1) by the smallest subset that keeps
-# the corpus's coverage. Named files (hand-made seeds, inputs that once crashed) always stay.
+# Replaces the inputs the fuzzer found (named by their SHA-1) by a small subset that keeps every
+# edge the corpus covers. Named files (hand-made seeds, inputs that once crashed) always stay.
 merge_one() {
   local name area max_len
   read -r name area max_len <<<"$(lookup "$1")"
   local corpus=fuzz/corpus/$name fresh file
   fresh=$(mktemp -d "${TMPDIR:-/tmp}/$name-merged.XXXXXX")
-  TMPDIR=$(scratch_tmp) nice -n 19 "$build/fuzz/$area/$name" -merge=1 -max_len="$max_len" \
-    "$fresh" "$corpus" >"$logs/$name.merge.log" 2>&1
+  # Edges only (no hit-count buckets): every covered edge stays, at a fraction of the inputs.
+  TMPDIR=$(scratch_tmp) nice -n 19 "$build/fuzz/$area/$name" -merge=1 -use_counters=0 \
+    -max_len="$max_len" "$fresh" "$corpus" >"$logs/$name.merge.log" 2>&1
   find "$corpus" -type f -regextype posix-extended -regex '.*/[0-9a-f]{40}' -delete
   # What the merge kept of the named files is already there under their own names.
   for file in "$corpus"/*; do

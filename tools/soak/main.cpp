@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -27,6 +28,7 @@ void printSeed(const SeedReport& r) {
       r.peakDownloadsInFlight, r.anomalies, r.converged ? "" : ", DID NOT SETTLE", r.seconds,
       r.passed() ? "ok" : "FAILED");
   for (const std::string& finding : r.findings) fmt::print("    {}\n", finding);
+  std::fflush(stdout);  // one line per seed as it ends, also into a file
 }
 
 nlohmann::ordered_json toJson(const SeedReport& r) {

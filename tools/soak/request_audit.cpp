@@ -72,9 +72,12 @@ RequestAuditFindings RequestAudit::findings() const {
     if (settled >= 0 && latest[static_cast<size_t>(settled)] > arrival.at) {
       ++found.cooldownViolations;
       if (found.examples.size() < 5) {
-        found.examples.push_back(
-            fmt::format("{} arrived {:.3f} s before a noted cooldown ended", arrival.route,
-                        seconds(latest[static_cast<size_t>(settled)] - arrival.at)));
+        // The most recent note before the arrival says how late after it the request came.
+        const std::ptrdiff_t last = lastNotedBy(arrival.at);
+        found.examples.push_back(fmt::format(
+            "{} arrived {:.3f} s after a cooldown was noted and {:.3f} s before one ended",
+            arrival.route, seconds(arrival.at - cooldowns[static_cast<size_t>(last)].notedAt),
+            seconds(latest[static_cast<size_t>(settled)] - arrival.at)));
       }
       continue;
     }

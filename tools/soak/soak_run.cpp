@@ -88,8 +88,8 @@ SeedReport runSeed(const SoakOptions& options) {
     const auto previousDirectory = std::filesystem::current_path();
     std::filesystem::current_path(env.temporaryDirectory());
 
-    RequestAudit audit(std::chrono::duration_cast<std::chrono::nanoseconds>(
-        options.inFlightMargin * options.timeFactor));
+    RequestAudit audit(std::chrono::duration_cast<std::chrono::nanoseconds>(options.inFlightMargin *
+                                                                            options.timeFactor));
     Ledger ledger;
     {
       emu::Emulator emulator(
