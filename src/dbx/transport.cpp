@@ -4,6 +4,8 @@
 #include "dbx/transport.h"
 
 #include <curl/curl.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -20,6 +22,18 @@
 
 namespace wdc::dbx {
 namespace {
+
+// A download's file is a fresh scratch name beside its destination, often in the shared temporary
+// directory: whatever sits there first is removed (a link itself, never what it points to), and
+// the file is created anew, exclusively and readable by this user only.
+std::FILE* createBodyFile(const std::filesystem::path& path) {
+  ::unlink(path.c_str());
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return nullptr;
+  std::FILE* file = ::fdopen(fd, "wb");
+  if (file == nullptr) ::close(fd);
+  return file;
+}
 
 struct GlobalInit {
   GlobalInit() { curl_global_init(CURL_GLOBAL_DEFAULT); }
@@ -80,7 +94,7 @@ size_t onWrite(char* data, size_t size, size_t count, void* user) {
     t->statusKnown = true;
     t->writingFile = t->request.bodyFile && status >= 200 && status <= 299;
     if (t->writingFile && t->file == nullptr) {
-      t->file = std::fopen(t->request.bodyFile->c_str(), "wb");
+      t->file = createBodyFile(*t->request.bodyFile);
       if (t->file == nullptr) {
         t->fileFailed = true;
         return 0;
@@ -294,7 +308,7 @@ void Transport::Impl::complete(std::unique_ptr<Transfer> t, std::optional<DBRequ
   // An empty success body never triggers the write callback: still produce the (empty) file.
   if (t->request.bodyFile && !t->writingFile && !t->response.transportError &&
       t->response.status >= 200 && t->response.status <= 299) {
-    if (std::FILE* f = std::fopen(t->request.bodyFile->c_str(), "wb")) {
+    if (std::FILE* f = createBodyFile(*t->request.bodyFile)) {
       std::fclose(f);
       t->response.bodyFile = t->request.bodyFile;
     } else {

@@ -11,6 +11,7 @@
 #include <variant>
 
 #include "archive/bounded_inflate.h"
+#include "dropbox/upload_scratch.h"
 #include "platform/logger.h"
 #include "webdavconnect/gzip_file_tool.h"
 #include "webdavconnect/keyed_archive.h"
@@ -67,7 +68,13 @@ Opened openPayloadFile(const std::string& localPath) {
   std::string extension = asPath.extension().string();
   for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   if (extension == ".gz") {
-    if (file_uncompress(path.c_str()) == 1) {
+    // The gzip tool opens its output by name. Where that name is the restored one, it is created
+    // here first, private and exclusively, so the tool writes into our own file and never through
+    // a link planted there; when that fails the payload is inflated in memory instead.
+    const bool exactSuffix = path.ends_with(".gz");
+    const bool outputReady =
+        !exactSuffix || writeScratchFile(std::filesystem::path(path).replace_extension(), {}, nullptr);
+    if (outputReady && file_uncompress(path.c_str()) == 1) {
       path = asPath.replace_extension().string();
       inflateInMemory = false;
     }

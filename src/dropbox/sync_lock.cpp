@@ -4,12 +4,12 @@
 #include <fmt/format.h>
 
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 
 #include "dbx/clients_manager.h"
 #include "dropbox/blocking_call.h"
 #include "dropbox/folders.h"
+#include "dropbox/upload_scratch.h"
 #include "platform/env.h"
 #include "platform/logger.h"
 #include "webdavconnect/keyed_archive.h"
@@ -28,7 +28,8 @@ std::string lockFileName(std::string_view lockName) {
 // since the write after it does not depend on it.
 void writeLocalLockFile(const std::filesystem::path& localPath) {
   std::error_code ec;
-  if (std::filesystem::exists(localPath, ec)) {
+  // A link counts as something there too, dangling or not: it is removed, never followed.
+  if (std::filesystem::exists(std::filesystem::symlink_status(localPath, ec))) {
     log::debug("[DROPBOX]    removing existing local sync lock file");
     if (!std::filesystem::remove(localPath, ec) && ec) {
       log::error(fmt::format("[DROPBOX]    could NOT remove exiting lock file: {}", ec.message()));
@@ -36,10 +37,9 @@ void writeLocalLockFile(const std::filesystem::path& localPath) {
   }
   const Bytes contents =
       writeBinaryPropertyList(PlistValue(PlistDictionary{{"meta", PlistValue(stringWithUUID())}}));
-  // The outcome is not checked here: a file that was not written fails the upload instead.
-  std::ofstream out(localPath, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(contents.data()),
-            static_cast<std::streamsize>(contents.size()));
+  // Created afresh and private, like every scratch file. The outcome is not checked here: a file
+  // that was not written fails the upload instead.
+  (void)dropbox::writeScratchFile(localPath, contents, nullptr);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
@@ -66,9 +67,26 @@ class ScopedEnv {
 inline double toSeconds(std::chrono::nanoseconds d) {
   return std::chrono::duration<double>(d).count();
 }
+// Saturates instead of overflowing: seconds come from servers and hosts (a retry-after of 1e30,
+// a NaN), and a double outside the int64 range converted to a count is undefined behaviour.
+// NaN gives 0; +/-infinity and anything past the range give nanoseconds::max()/min().
 inline std::chrono::nanoseconds fromSeconds(double seconds) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-      std::chrono::duration<double>(seconds));
+  using std::chrono::nanoseconds;
+  if (std::isnan(seconds)) return nanoseconds::zero();
+  const double count = seconds * 1e9;
+  constexpr double kTwoTo63 = 9223372036854775808.0;  // int64 max + 1, exact as a double
+  if (count >= kTwoTo63) return nanoseconds::max();
+  if (count < -kTwoTo63) return nanoseconds::min();
+  return nanoseconds(static_cast<nanoseconds::rep>(count));
+}
+
+// a + b, held at nanoseconds::max()/min() instead of wrapping: deadlines are "now + delay", and
+// a saturated delay must give the latest deadline, not one in the past.
+inline std::chrono::nanoseconds saturatingAdd(std::chrono::nanoseconds a,
+                                              std::chrono::nanoseconds b) {
+  std::chrono::nanoseconds::rep sum;
+  if (!__builtin_add_overflow(a.count(), b.count(), &sum)) return std::chrono::nanoseconds(sum);
+  return b.count() > 0 ? std::chrono::nanoseconds::max() : std::chrono::nanoseconds::min();
 }
 
 }  // namespace wdc

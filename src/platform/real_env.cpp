@@ -54,6 +54,15 @@ class TimerThread {
   std::thread thread_;
 };
 
+// now + delay on the steady clock, held at its latest instant instead of wrapping.
+std::chrono::steady_clock::time_point steadyDeadline(std::chrono::nanoseconds delay) {
+  using std::chrono::steady_clock;
+  const auto since = std::chrono::duration_cast<std::chrono::nanoseconds>(
+      steady_clock::now().time_since_epoch());
+  return steady_clock::time_point(
+      std::chrono::duration_cast<steady_clock::duration>(saturatingAdd(since, delay)));
+}
+
 class RealEnv final : public Env {
  public:
   std::chrono::system_clock::time_point now() override { return std::chrono::system_clock::now(); }
@@ -75,12 +84,13 @@ class RealEnv final : public Env {
 
   void scheduleAfter(std::chrono::nanoseconds delay, std::function<void()> task) override {
     static TimerThread* timer = new TimerThread();
-    timer->schedule(std::chrono::steady_clock::now() + delay, std::move(task));
+    timer->schedule(steadyDeadline(delay), std::move(task));
   }
 
   bool waitFor(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
                std::chrono::nanoseconds timeout, const std::function<bool()>& ready) override {
-    return cv.wait_for(lock, timeout, ready);
+    // wait_for would add the timeout to the clock without a bound; a saturated one must not wrap.
+    return cv.wait_until(lock, steadyDeadline(timeout), ready);
   }
 
   std::filesystem::path temporaryDirectory() override {

@@ -5,10 +5,12 @@
 namespace wdc {
 
 void CountingSemaphore::signal() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++count_;
-  }
+  // Notified under the lock: the waiter cannot return, and destroy a semaphore that lived on its
+  // stack, until this call is done with the condition variable. Notifying after unlocking let
+  // the waiter wake early (a spurious wake-up, or the count seen by a new wait) and destroy it
+  // under a notify_one still running.
+  std::lock_guard<std::mutex> lock(mutex_);
+  ++count_;
   cv_.notify_one();
 }
 

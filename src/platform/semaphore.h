@@ -7,7 +7,8 @@
 namespace wdc {
 
 // A counting semaphore whose timed wait runs on the current Env's clock, so a 120 s wait for a
-// download slot costs nothing under VirtualEnv. Thread-safe.
+// download slot costs nothing under VirtualEnv. Thread-safe. A waiter may destroy the semaphore
+// as soon as its wait has returned, even while the signalling thread is still inside signal().
 class CountingSemaphore {
  public:
   explicit CountingSemaphore(long initial) : count_(initial) {}

@@ -27,18 +27,19 @@ VirtualEnv::~VirtualEnv() {
 std::chrono::system_clock::time_point VirtualEnv::now() {
   std::lock_guard<std::mutex> lock(mutex_);
   return std::chrono::system_clock::time_point(
-      std::chrono::duration_cast<std::chrono::system_clock::duration>(kWallOrigin + elapsed_));
+      std::chrono::duration_cast<std::chrono::system_clock::duration>(
+          saturatingAdd(kWallOrigin, elapsed_)));
 }
 
 std::chrono::nanoseconds VirtualEnv::uptime() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return kUptimeOrigin + elapsed_;
+  return saturatingAdd(kUptimeOrigin, elapsed_);
 }
 
 void VirtualEnv::sleepFor(std::chrono::nanoseconds duration) {
   std::lock_guard<std::mutex> lock(mutex_);
   sleeps_.push_back(duration);
-  if (duration > std::chrono::nanoseconds::zero()) elapsed_ += duration;
+  if (duration > std::chrono::nanoseconds::zero()) elapsed_ = saturatingAdd(elapsed_, duration);
 }
 
 uint32_t VirtualEnv::uniformRandom(uint32_t upperInclusive) {
@@ -53,7 +54,7 @@ uint32_t VirtualEnv::uniformRandom(uint32_t upperInclusive) {
 void VirtualEnv::scheduleAfter(std::chrono::nanoseconds delay, std::function<void()> task) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (delay < std::chrono::nanoseconds::zero()) delay = std::chrono::nanoseconds::zero();
-  scheduled_.emplace(elapsed_ + delay, std::move(task));
+  scheduled_.emplace(saturatingAdd(elapsed_, delay), std::move(task));
 }
 
 bool VirtualEnv::waitFor(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
@@ -69,7 +70,7 @@ bool VirtualEnv::waitFor(std::condition_variable& cv, std::unique_lock<std::mute
   // Nobody came in real time: let the rest of the timeout pass in virtual time.
   {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (timeout > std::chrono::nanoseconds::zero()) elapsed_ += timeout;
+    if (timeout > std::chrono::nanoseconds::zero()) elapsed_ = saturatingAdd(elapsed_, timeout);
   }
   return ready();
 }
@@ -97,7 +98,7 @@ void VirtualEnv::advance(std::chrono::nanoseconds duration) {
   std::chrono::nanoseconds target;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    target = elapsed_ + duration;
+    target = saturatingAdd(elapsed_, duration);
   }
   for (;;) {
     std::vector<std::function<void()>> due;

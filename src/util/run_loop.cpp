@@ -76,7 +76,7 @@ void RunLoop::post(Task task) { postAfter(std::chrono::nanoseconds::zero(), std:
 
 void RunLoop::postAfter(std::chrono::nanoseconds delay, Task task) {
   if (delay < std::chrono::nanoseconds::zero()) delay = std::chrono::nanoseconds::zero();
-  const std::chrono::nanoseconds due = Env::current().uptime() + delay;
+  const std::chrono::nanoseconds due = saturatingAdd(Env::current().uptime(), delay);
   {
     std::lock_guard<std::mutex> lock(state_->mutex);
     state_->tasks.emplace(std::make_pair(due, state_->nextSequence++), std::move(task));
@@ -88,7 +88,7 @@ void RunLoop::postAfter(std::chrono::nanoseconds delay, Task task) {
 void RunLoop::run() { state_->runTasks(true, std::nullopt); }
 
 size_t RunLoop::runFor(std::chrono::nanoseconds duration) {
-  return state_->runTasks(true, Env::current().uptime() + duration);
+  return state_->runTasks(true, saturatingAdd(Env::current().uptime(), duration));
 }
 
 size_t RunLoop::runUntilIdle() { return state_->runTasks(false, std::nullopt); }

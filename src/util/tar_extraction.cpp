@@ -77,6 +77,12 @@ bool isSafeName(std::string_view name) {
   return true;
 }
 
+// A folder entry's name without its trailing slashes ("dir/" names "dir").
+std::string trimmedFolderName(std::string name) {
+  while (name.size() > 1 && name.back() == '/') name.pop_back();
+  return name;
+}
+
 int signedHeaderSum(const char* header) {
   int sum = 0;
   for (size_t i = 0; i < kTarBlockSize; ++i) {
@@ -106,9 +112,39 @@ void vreport(const char* format, va_list args, bool withErrno) {
   }
 }
 
-int extractFile(std::FILE* stream, const std::string& path, mode_t mode, int32_t size) {
-  ::unlink(path.c_str());
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, mode);
+// The folder that holds entry `name` below `destination`, opened one component at a time without
+// following links, so that a link planted in the destination (or made by an earlier archive)
+// cannot carry an entry outside it. The destination itself is the caller's and may be a link.
+// Returns the descriptor and the entry's last component, or -1.
+int openParentOfEntry(const char* destination, const std::string& name, std::string& leaf) {
+  int dir = ::open(destination, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  size_t start = 0;
+  for (size_t slash = name.find('/'); dir >= 0 && slash != std::string::npos;
+       slash = name.find('/', start)) {
+    const std::string component = name.substr(start, slash - start);
+    start = slash + 1;
+    if (component.empty() || component == ".") continue;
+    const int next = ::openat(dir, component.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    ::close(dir);
+    dir = next;
+  }
+  leaf = name.substr(start);
+  if (leaf.empty() || leaf == ".") {  // "dir/" or "dir/.": the entry is the folder itself
+    if (dir >= 0) ::close(dir);
+    return -1;
+  }
+  return dir;
+}
+
+int extractFile(std::FILE* stream, const char* destination, const std::string& name,
+                const std::string& path, mode_t mode, int32_t size) {
+  std::string leaf;
+  const int parent = openParentOfEntry(destination, name, leaf);
+  if (parent < 0) return -1;
+  ::unlinkat(parent, leaf.c_str(), 0);
+  const int fd = ::openat(parent, leaf.c_str(),
+                          O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, mode);
+  ::close(parent);
   if (fd < 0) return -1;
   std::FILE* out = ::fdopen(fd, "w");
   if (out == nullptr) {
@@ -126,8 +162,10 @@ int extractFile(std::FILE* stream, const std::string& path, mode_t mode, int32_t
       return -1;
     }
   }
+  // Through the descriptor, not the name: the name could be swapped for a link meanwhile.
+  const int modeResult = ::fchmod(fd, 0644);
   if (std::fclose(out) != 0) return -1;
-  if (::chmod(path.c_str(), 0644) != 0) sys_warning("tar: cannot chmod on %s", path.c_str());
+  if (modeResult != 0) sys_warning("tar: cannot chmod on %s", path.c_str());
   return 0;
 }
 
@@ -185,13 +223,24 @@ int untar_it(std::FILE* stream, const char* header, const char* destination) {
   const auto entryMode = static_cast<mode_t>(static_cast<uint16_t>(*mode) & 07777);
   const std::string path = std::string(destination) + "/" + name;
   switch (header[kTypeflagOffset]) {
-    case '5':
-      if (::mkdir(path.c_str(), entryMode) != 0) return -1;
-      // Directories end up without search permission; hosts have always received them so.
-      if (::chmod(path.c_str(), 0644) != 0) sys_warning("tar: cannot chmod on %s", path.c_str());
-      return 0;
+    case '5': {
+      std::string leaf;
+      const int parent = openParentOfEntry(destination, trimmedFolderName(name), leaf);
+      if (parent < 0) return -1;
+      int result = -1;
+      if (::mkdirat(parent, leaf.c_str(), entryMode) == 0) {
+        result = 0;
+        // Directories end up without search permission; hosts have always received them so.
+        // AT_SYMLINK_NOFOLLOW is not offered for modes; the folder was just made by us.
+        if (::fchmodat(parent, leaf.c_str(), 0644, 0) != 0) {
+          sys_warning("tar: cannot chmod on %s", path.c_str());
+        }
+      }
+      ::close(parent);
+      return result;
+    }
     case '0':
-      return extractFile(stream, path, entryMode,
+      return extractFile(stream, destination, name, path, entryMode,
                          static_cast<int32_t>(static_cast<uint32_t>(*size & 0xFFFFFFFFu)));
     default:
       return -1;

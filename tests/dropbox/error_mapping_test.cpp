@@ -1,6 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <map>
+
+#include "dbx/http_response.h"
 #include "dbx/request_error.h"
 #include "platform/logger.h"
 #include "platform/virtual_env.h"
@@ -88,6 +92,67 @@ TEST_F(ErrorMapping, RateLimitsStoreTheServerHintAndOpenAtLeastTwoSecondsOfCoold
     EXPECT_DOUBLE_EQ(WebDAVConnect::serverBackoffSecondsFromError(mapped),
                      c.backoff.value_or(0.0));
     EXPECT_DOUBLE_EQ(WebDAVConnect::dropboxCooldownRemainingSeconds(), c.cooldown);
+  }
+}
+
+// A 429 is decoded, mapped and turned into a wait exactly as the server asked, however absurd the
+// number: the hint and the cooldown keep it, and the sleep it becomes is the longest one the clock
+// can hold, not a count that wrapped into the past.
+TEST_F(ErrorMapping, AnAbsurdRetryAfterBecomesTheLongestWaitWithoutWrapping) {
+  dbx::HttpResponse answer;
+  answer.status = 429;
+  answer.body = R"({"error_summary": "too_many_requests/..", )"
+                R"("error": {"reason": {".tag": "too_many_requests"}, "retry_after": 1e30}})";
+  const dbx::DBRequestError limited = dbx::requestErrorForStatus(answer);
+  ASSERT_EQ(limited.backoff, 1e30);
+  const auto mapped = WebDAVConnect::getErrorFromRequestError(&limited);
+  ASSERT_TRUE(mapped);
+  EXPECT_EQ(*mapped->userInfo().find(kRetryAfterSecondsKey), PlistValue(1e30));
+  const double remaining = WebDAVConnect::dropboxCooldownRemainingSeconds();
+  EXPECT_GT(remaining, 9e29);
+  EXPECT_TRUE(std::isfinite(remaining));
+
+  // What the retry loop does with it: the delay, and the sleep that delay becomes.
+  const double delay = WebDAVConnect::rateLimitRetryDelayForAttempt(
+      1, WebDAVConnect::serverBackoffSecondsFromError(mapped));
+  EXPECT_EQ(delay, 1e30);
+  const auto before = env_.uptime();
+  env_.sleepFor(fromSeconds(delay));
+  EXPECT_EQ(env_.sleeps().back(), std::chrono::nanoseconds::max());
+  EXPECT_EQ(env_.uptime(), std::chrono::nanoseconds::max());
+  EXPECT_GT(env_.uptime(), before);
+  // Still in force: even the latest instant the clock can show is short of 1e30 s.
+  EXPECT_GT(WebDAVConnect::dropboxCooldownRemainingSeconds(), 9e29);
+}
+
+// Numbers the decoder cannot hold as finite seconds are no back-off at all: the stored hint is 0
+// and the cooldown the two-second minimum.
+TEST_F(ErrorMapping, InfiniteOrUnreadableRetryAftersCountAsNone) {
+  struct Case {
+    const char* name;
+    std::string body;
+    std::map<std::string, std::string> headers;
+  };
+  const Case cases[] = {
+      {"inf header", "", {{"retry-after", "inf"}}},
+      {"overflowing header", "", {{"retry-after", "1e400"}}},
+      {"long header", "", {{"retry-after", std::string(400, '9')}}},
+      {"overflowing body", R"({"error": {"retry_after": 1e400}})", {}},
+      {"NaN text in body", R"({"error": {"retry_after": "NaN"}})", {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    WebDAVConnect::resetDropboxRateLimitStateForTesting();
+    dbx::HttpResponse answer;
+    answer.status = 429;
+    answer.body = c.body;
+    answer.headers = c.headers;
+    const dbx::DBRequestError limited = dbx::requestErrorForStatus(answer);
+    EXPECT_FALSE(limited.backoff.has_value());
+    const auto mapped = WebDAVConnect::getErrorFromRequestError(&limited);
+    ASSERT_TRUE(mapped);
+    EXPECT_EQ(*mapped->userInfo().find(kRetryAfterSecondsKey), PlistValue(0));
+    EXPECT_DOUBLE_EQ(WebDAVConnect::dropboxCooldownRemainingSeconds(), 2.0);
   }
 }
 

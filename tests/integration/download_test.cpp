@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "download_fixture.h"
+#include "support/test_util.h"
 #include "webdavconnect/data_codecs.h"
 #include "webdavconnect/keyed_archive.h"
 
@@ -144,6 +145,25 @@ TEST_F(Download, TheBlockingDownloadBacksOffOnRateLimits) {
   // The retry first waits out the shared cooldown the 429 opened, then sleeps its own delay.
   EXPECT_EQ(emulator_->requestCount(kFileRoute), 2u);
   EXPECT_THAT(sleptSeconds(), Contains(Near(5.0)));
+}
+
+// The download lands in a scratch file beside the ".gz" name before it is renamed over it; links
+// planted at those names in the shared temporary directory are replaced, never written through.
+TEST_F(Download, LinksPlantedAtTheScratchNamesAreNotFollowed) {
+  putRecord("tod", recordName(1), "buy milk");
+  const auto scratch = env_.temporaryDirectory() / recordName(1);
+  const auto victim = env_.temporaryDirectory() / "victim";
+  test::writeFileBytes(victim, test::bytesOf("precious"));
+  for (int i = 0; i < 32; ++i) {
+    std::filesystem::create_symlink(victim, scratch.string() + ".gz.part-" + std::to_string(i));
+  }
+  auto connection = newConnection();
+  EXPECT_EQ(titleOf(connection->getContentsForFile(meta(recordName(1)), "tod", nullptr)),
+            "buy milk");
+  EXPECT_EQ(test::textOf(test::readFileBytes(victim)), "precious");
+  EXPECT_FALSE(std::filesystem::is_symlink(scratch));
+  EXPECT_EQ(std::filesystem::status(scratch).permissions() & std::filesystem::perms::all,
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 }
 
 TEST_F(Download, CasesOfScratchNamesDifferBetweenTheTwoForms) {

@@ -239,6 +239,17 @@ TEST_F(BatchUpload, TheHostReadsBackWhatItUploadedThroughItsOwnDownload) {
     ASSERT_TRUE(read && read->FileContents) << (error ? error->description() : "no contents");
     EXPECT_EQ(*read->FileContents, *result->fileContents->FileContents);
   }
+  // What both directions leave in the shared temporary directory (the batch's compressed scratch
+  // files, the downloads' restored ones) is readable by this user only.
+  int scratchFiles = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(env_.temporaryDirectory())) {
+    if (!entry.path().filename().string().starts_with("o_")) continue;
+    ++scratchFiles;
+    EXPECT_EQ(entry.symlink_status().permissions() & std::filesystem::perms::all,
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write)
+        << entry.path();
+  }
+  EXPECT_GE(scratchFiles, 5);
 }
 
 TEST_F(BatchUpload, TwoItemsWithOneStoredNameLeaveTheLastOnesPayloadWhole) {

@@ -4,6 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <limits>
+#include <memory>
+#include <mutex>
 #include <thread>
 
 #include "platform/semaphore.h"
@@ -116,6 +120,76 @@ TEST(RealEnv, UniformRandomStaysInBoundsAndCoversThem) {
     seen[v] = true;
   }
   EXPECT_TRUE(seen[0] && seen[1] && seen[2] && seen[3]);
+}
+
+// Seconds reach the clocks from servers and hosts; none of them may wrap a count around.
+TEST(TimeConversion, SecondsSaturateAtTheEndsOfTheNanosecondRange) {
+  using ns = std::chrono::nanoseconds;
+  const double inf = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(fromSeconds(1.5), 1500ms);
+  EXPECT_EQ(fromSeconds(-2), -2s);
+  EXPECT_EQ(fromSeconds(9.2e9), ns(9'200'000'000'000'000'000));  // just inside the range
+  for (double huge : {9.3e9, 1e10, 1e30, inf, std::numeric_limits<double>::max()}) {
+    EXPECT_EQ(fromSeconds(huge), ns::max()) << huge;
+    EXPECT_EQ(fromSeconds(-huge), ns::min()) << -huge;
+  }
+  EXPECT_EQ(fromSeconds(std::numeric_limits<double>::quiet_NaN()), ns::zero());
+  EXPECT_EQ(fromSeconds(-std::numeric_limits<double>::quiet_NaN()), ns::zero());
+
+  EXPECT_EQ(saturatingAdd(ns::max(), 1ns), ns::max());
+  EXPECT_EQ(saturatingAdd(1000s, ns::max()), ns::max());
+  EXPECT_EQ(saturatingAdd(ns::min(), -1ns), ns::min());
+  EXPECT_EQ(saturatingAdd(ns::max(), ns::min()), -1ns);
+  EXPECT_EQ(saturatingAdd(3s, -1s), 2s);
+}
+
+TEST(VirtualEnv, ClocksStopAtTheirLatestInstantInsteadOfWrapping) {
+  VirtualEnv env;
+  bool ran = false;
+  env.sleepFor(1s);
+  env.scheduleAfter(std::chrono::nanoseconds::max(), [&] { ran = true; });
+  env.advance(std::chrono::hours(24 * 365));
+  EXPECT_FALSE(ran);  // a wrapped deadline would lie in the past and run at once
+  const auto before = env.uptime();
+  env.sleepFor(std::chrono::nanoseconds::max());
+  env.sleepFor(std::chrono::nanoseconds::max());
+  EXPECT_EQ(env.uptime(), std::chrono::nanoseconds::max());
+  EXPECT_GT(env.uptime(), before);
+  EXPECT_GT(env.now(), std::chrono::system_clock::time_point{});
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::unique_lock lock(mutex);
+  EXPECT_FALSE(env.waitFor(cv, lock, std::chrono::nanoseconds::max(), [] { return false; }));
+  EXPECT_EQ(env.uptime(), std::chrono::nanoseconds::max());
+}
+
+TEST(RealEnv, AnUnboundedTimeoutNeitherWrapsNorFiresEarly) {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool ready = false;
+  std::thread setter([&] {
+    std::this_thread::sleep_for(20ms);
+    {
+      std::lock_guard guard(mutex);
+      ready = true;
+    }
+    cv.notify_all();
+  });
+  {
+    std::unique_lock lock(mutex);
+    // A wrapped deadline would lie in the past: the wait would return false at once.
+    EXPECT_TRUE(Env::real().waitFor(cv, lock, std::chrono::nanoseconds::max(), [&] { return ready; }));
+  }
+  setter.join();
+
+  // The far task stays queued for the life of the process: it must not refer to this frame.
+  auto ran = std::make_shared<std::atomic<bool>>(false);
+  Env::real().scheduleAfter(std::chrono::nanoseconds::max(), [ran] { *ran = true; });
+  std::atomic<bool> soon{false};
+  Env::real().scheduleAfter(10ms, [&soon] { soon = true; });
+  for (int i = 0; i < 500 && !soon; ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_TRUE(soon);
+  EXPECT_FALSE(*ran);  // the timer runs tasks in deadline order: a wrapped one would have gone first
 }
 
 class SemaphoreTest : public testing::Test {

@@ -196,6 +196,39 @@ TEST_F(TarExtractionTest, NamesLeavingTheDestinationAreRefused) {
   EXPECT_FALSE(fs::exists("/tmp/evil"));
 }
 
+// A link already in the destination, made by someone else or by an earlier run, must not carry
+// an entry (file or folder) to where it points, nor may a file entry write through a link of its
+// own name.
+TEST_F(TarExtractionTest, LinksPlantedInTheDestinationAreNotFollowed) {
+  const fs::path outside = dir_ / "outside";
+  fs::create_directories(outside);
+  fs::create_directories(out_);
+  fs::create_directory_symlink(outside, out_ / "planted");
+  test::writeFileBytes(outside / "victim", test::bytesOf("precious"));
+  fs::create_symlink(outside / "victim", out_ / "victim");
+
+  EXPECT_EQ(untarBytes(padded(entryBlocks({.name = "planted/evil", .data = "x"}) + zeros(2))), -1);
+  EXPECT_EQ(untarBytes(padded(entryBlocks({.name = "planted/sub/", .typeflag = '5'}) + zeros(2))),
+            -1);
+  EXPECT_EQ(untarBytes(padded(entryBlocks({.name = "victim", .data = "overwritten"}) + zeros(2))),
+            0);
+  EXPECT_TRUE(fs::is_symlink(out_ / "planted"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(outside), fs::directory_iterator()), 1);
+  EXPECT_EQ(test::textOf(test::readFileBytes(outside / "victim")), "precious");
+  // The entry replaced the link with a file of its own.
+  EXPECT_FALSE(fs::is_symlink(out_ / "victim"));
+  EXPECT_EQ(extracted("victim"), "overwritten");
+  EXPECT_EQ(permissions(out_ / "victim"), 0644u);
+
+  // Folders the archive made itself are still entered.
+  EXPECT_EQ(untarBytes(padded(entryBlocks({.name = "real/", .typeflag = '5', .mode = "000755 "}) +
+                              zeros(2))),
+            0);
+  fs::permissions(out_ / "real", fs::perms::owner_all);  // extraction leaves it unsearchable
+  EXPECT_EQ(untarBytes(padded(entryBlocks({.name = "real/./inner", .data = "in"}) + zeros(2))), 0);
+  EXPECT_EQ(extracted("real/inner"), "in");
+}
+
 TEST_F(TarExtractionTest, GarbageNumbersAndShortStreams) {
   // No octal digits in size, mode or chksum.
   EXPECT_EQ(untarBytes(padded(entryBlocks({.name = "a", .size = "zzzzzzzzzzz "}) + zeros(2))), -1);
