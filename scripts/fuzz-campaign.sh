@@ -49,7 +49,8 @@ lookup() {
 
 # The gzip tool leaves its streams open when a restore fails, as it always has; LeakSanitizer is
 # told so (cmake/lsan.supp names only those two functions), so any other leak is still a finding.
-export LSAN_OPTIONS="suppressions=$PWD/cmake/lsan.supp:print_suppressions=0${LSAN_OPTIONS:+:$LSAN_OPTIONS}"
+# The slow unwinder reaches our frames through zlib and libc, which have no frame pointers.
+export LSAN_OPTIONS="suppressions=$PWD/cmake/lsan.supp:print_suppressions=0:fast_unwind_on_malloc=0${LSAN_OPTIONS:+:$LSAN_OPTIONS}"
 
 scratch_tmp() {
   if [[ -d /dev/shm && -w /dev/shm ]]; then echo /dev/shm; else echo "${TMPDIR:-/tmp}"; fi
