@@ -140,7 +140,7 @@ if [[ ${#names[@]} -eq 0 ]]; then for entry in "${targets[@]}"; do names+=("${en
 for name in "${names[@]}"; do lookup "$name" >/dev/null; done
 
 export build logs
-export -f lookup scratch_tmp run_one summarize
+export -f lookup scratch_tmp lsan_options_for run_one summarize
 export targets_list
 targets_list=$(printf '%s\n' "${targets[@]}")
 # Arrays do not cross into the workers: each rebuilds the table from targets_list.
