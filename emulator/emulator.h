@@ -91,6 +91,8 @@ struct FaultRule {
 // Returns nullopt and, when `error` is non-null, a reason when the text is not such a rule.
 [[nodiscard]] std::optional<FaultRule> parseFaultRule(std::string_view text,
                                                       std::string* error = nullptr);
+// The KIND a rule names `kind` by ("429", "drop", ...).
+[[nodiscard]] std::string_view faultKindName(FaultKind kind);
 
 struct EmulatorOptions {
   // Serve HTTPS with a self-signed certificate for IP:127.0.0.1 and DNS:localhost.

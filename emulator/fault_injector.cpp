@@ -7,39 +7,7 @@ namespace wdc::emu {
 namespace {
 
 std::string label(const FaultRule& rule, bool entry) {
-  std::string text;
-  switch (rule.kind) {
-    case FaultKind::kTooManyRequests:
-      text = "429";
-      break;
-    case FaultKind::kTooManyWriteOperations:
-      text = "429w";
-      break;
-    case FaultKind::kInternalError:
-      text = "500";
-      break;
-    case FaultKind::kUnavailable:
-      text = "503";
-      break;
-    case FaultKind::kDrop:
-      text = "drop";
-      break;
-    case FaultKind::kTruncate:
-      text = "truncate";
-      break;
-    case FaultKind::kCorrupt:
-      text = "corrupt";
-      break;
-    case FaultKind::kReset:
-      text = "reset";
-      break;
-    case FaultKind::kLatency:
-      text = "latency";
-      break;
-    case FaultKind::kTooManyFiles:
-      text = "toomanyfiles";
-      break;
-  }
+  std::string text(faultKindName(rule.kind));
   if (rule.kind == FaultKind::kTooManyRequests || rule.kind == FaultKind::kTooManyWriteOperations) {
     if (!rule.argument || rule.placement == RetryAfterPlacement::kNone) {
       text += " (no Retry-After)";

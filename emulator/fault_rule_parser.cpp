@@ -1,6 +1,7 @@
 // Parses the `ROUTE:KIND[:ARG][@P][#N]` fault rules of `wdc emulator --fault`.
 #include <charconv>
 #include <cmath>
+#include <utility>
 
 #include "emulator/emulator.h"
 
@@ -23,21 +24,30 @@ bool parseProbability(std::string_view text, double& out) {
          out >= 0.0 && out <= 1.0;
 }
 
+// Each kind and the name a rule gives it.
+constexpr std::pair<FaultKind, std::string_view> kKindNames[] = {
+    {FaultKind::kTooManyRequests, "429"}, {FaultKind::kTooManyWriteOperations, "429w"},
+    {FaultKind::kInternalError, "500"},   {FaultKind::kUnavailable, "503"},
+    {FaultKind::kDrop, "drop"},           {FaultKind::kTruncate, "truncate"},
+    {FaultKind::kCorrupt, "corrupt"},     {FaultKind::kReset, "reset"},
+    {FaultKind::kLatency, "latency"},     {FaultKind::kTooManyFiles, "toomanyfiles"},
+};
+
 std::optional<FaultKind> parseKind(std::string_view text) {
-  if (text == "429") return FaultKind::kTooManyRequests;
-  if (text == "429w") return FaultKind::kTooManyWriteOperations;
-  if (text == "500") return FaultKind::kInternalError;
-  if (text == "503") return FaultKind::kUnavailable;
-  if (text == "drop") return FaultKind::kDrop;
-  if (text == "truncate") return FaultKind::kTruncate;
-  if (text == "corrupt") return FaultKind::kCorrupt;
-  if (text == "reset") return FaultKind::kReset;
-  if (text == "latency") return FaultKind::kLatency;
-  if (text == "toomanyfiles") return FaultKind::kTooManyFiles;
+  for (const auto& [kind, name] : kKindNames) {
+    if (name == text) return kind;
+  }
   return std::nullopt;
 }
 
 }  // namespace
+
+std::string_view faultKindName(FaultKind kind) {
+  for (const auto& [known, name] : kKindNames) {
+    if (known == kind) return name;
+  }
+  return "?";
+}
 
 std::optional<FaultRule> parseFaultRule(std::string_view text, std::string* error) {
   auto fail = [&](std::string_view why) -> std::optional<FaultRule> {

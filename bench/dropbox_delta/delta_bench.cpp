@@ -23,6 +23,7 @@
 #include "emulator/emulator.h"
 #include "platform/env.h"
 #include "platform/logger.h"
+#include "support/sdk_peer.h"
 #include "platform/semaphore.h"
 #include "webdavconnect/operation_queue.h"
 #include "webdavconnect/webdav_connect.h"
@@ -156,17 +157,9 @@ double runFetch(wdc::WebDAVConnect& connection, size_t* records) {
 // ---- the official Python SDK ----
 
 double runPythonSdk(uint16_t port, const std::string& caFile) {
-  const std::string host = "127.0.0.1:" + std::to_string(port);
-  const std::string command = "DROPBOX_API_HOST=" + host + " DROPBOX_API_CONTENT_HOST=" + host +
-                              " REQUESTS_CA_BUNDLE=" + caFile + " /usr/bin/python3 " +
-                              WDC_SOURCE_DIR "/bench/dropbox_delta/sdk_list.py " +
-                              std::to_string(kEntries);
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return -1;
-  char line[64] = {};
-  const bool read = std::fgets(line, sizeof line, pipe) != nullptr;
-  const int status = pclose(pipe);
-  return read && status == 0 ? std::atof(line) : -1;
+  const auto line = wdc::bench::runSdkScript("127.0.0.1:" + std::to_string(port), caFile,
+                                             "dropbox_delta/sdk_list.py", std::to_string(kEntries));
+  return line ? std::atof(line->c_str()) : -1;
 }
 
 void printRow(const char* name, double s, double sdk, double floor) {

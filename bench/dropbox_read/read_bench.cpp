@@ -29,6 +29,7 @@
 #include "emulator/emulator.h"
 #include "platform/env.h"
 #include "platform/logger.h"
+#include "support/sdk_peer.h"
 #include "webdavconnect/payload.h"
 #include "webdavconnect/webdav_connect.h"
 #include "webdavconnect/zip_snapshot.h"
@@ -152,18 +153,14 @@ double runFloor(int records) {
 
 // (c) the official Python SDK: seconds, or -1 when it failed or decoded fewer records.
 double runPythonSdk(const wdc::emu::Emulator& emulator, const std::string& caFile, int records) {
-  const std::string command = "DROPBOX_API_HOST=" + emulator.hostAndPort() +
-                              " DROPBOX_API_CONTENT_HOST=" + emulator.hostAndPort() +
-                              " REQUESTS_CA_BUNDLE=" + caFile + " /usr/bin/python3 " +
-                              WDC_SOURCE_DIR "/bench/dropbox_read/sdk_read.py /" + kFolder + " " +
-                              std::to_string(kThreads);
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return -1;
+  const auto line = wdc::bench::runSdkScript(emulator.hostAndPort(), caFile,
+                                             "dropbox_read/sdk_read.py",
+                                             "/" + std::string(kFolder) + " " +
+                                                 std::to_string(kThreads));
   double seconds = -1;
   int decoded = 0;
-  const bool read = std::fscanf(pipe, "%lf %d", &seconds, &decoded) == 2;
-  const int status = pclose(pipe);
-  return read && status == 0 && decoded == records ? seconds : -1;
+  const bool read = line && std::sscanf(line->c_str(), "%lf %d", &seconds, &decoded) == 2;
+  return read && decoded == records ? seconds : -1;
 }
 
 double best(const std::vector<double>& runs) {

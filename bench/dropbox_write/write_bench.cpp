@@ -23,6 +23,7 @@
 #include "emulator/emulator.h"
 #include "platform/env.h"
 #include "platform/logger.h"
+#include "support/sdk_peer.h"
 #include "webdavconnect/payload.h"
 #include "webdavconnect/webdav_connect.h"
 
@@ -113,18 +114,11 @@ double runSingles(wdc::WebDAVConnect& connection, const Objects& objects,
 
 double runPythonSdk(const wdc::emu::Emulator& emulator, const std::string& caFile,
                     size_t bytes) {
-  const std::string command =
-      "DROPBOX_API_HOST=" + emulator.hostAndPort() +
-      " DROPBOX_API_CONTENT_HOST=" + emulator.hostAndPort() + " REQUESTS_CA_BUNDLE=" + caFile +
-      " /usr/bin/python3 " WDC_SOURCE_DIR "/bench/dropbox_write/sdk_upload_peer.py " +
+  const auto line = wdc::bench::runSdkScript(
+      emulator.hostAndPort(), caFile, "dropbox_write/sdk_upload_peer.py",
       std::to_string(kRecords) + " " + std::to_string(kSdkThreads) + " " + std::to_string(bytes) +
-      " /bench-sdk";
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return -1;
-  char line[64] = {};
-  const bool read = std::fgets(line, sizeof line, pipe) != nullptr;
-  const int status = pclose(pipe);
-  return read && status == 0 ? std::atof(line) : -1;
+          " /bench-sdk");
+  return line ? std::atof(line->c_str()) : -1;
 }
 
 std::string temporaryDirectoryLabel();

@@ -10,21 +10,20 @@
 #include "dbx/client_core.h"
 #include "dbx/http_response.h"
 #include "dropbox/delete_batch_status.h"
-#include "platform/logger.h"
+#include "fuzz_support.h"
 
 namespace {
+
+using wdc::fuzzing::check;
 
 using namespace wdc;
 
 constexpr long kStatuses[] = {200, 409, 200, 429, 500, 401, 400, 200};
 
-void check(bool condition) {
-  if (!condition) __builtin_trap();
-}
-
 template <typename Result, typename RouteError>
 void typed(const dbx::detail::RawOutcome& raw, std::optional<Result>& result,
-           std::optional<RouteError>& routeError, std::optional<dbx::DBRequestError>& requestError) {
+           std::optional<RouteError>& routeError,
+           std::optional<dbx::DBRequestError>& requestError) {
   dbx::detail::typeOutcome(raw, result, routeError, requestError);
   check(result.has_value() + routeError.has_value() + requestError.has_value() == 1);
 }
@@ -89,13 +88,6 @@ void readCheck(const dbx::detail::RawOutcome& raw) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  // Every log line is formatted (the debug ones too), none is printed.
-  log::setLevel(log::Level::kVerbose);
-  log::setConsoleOutput(false);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1 || size > 256 * 1024) return -1;

@@ -13,13 +13,15 @@
 #include "dbx/http_response.h"
 #include "dbx/route_errors.h"
 #include "dbx/route_types.h"
-#include "platform/logger.h"
 #include "dropbox/delta_filter.h"
+#include "fuzz_support.h"
 #include "records/record_name.h"
 #include "webdavconnect/webdav_connect.h"
 #include "webdavconnect/zip_snapshot.h"
 
 namespace {
+
+using wdc::fuzzing::check;
 
 using namespace wdc;
 
@@ -27,10 +29,6 @@ using namespace wdc;
 constexpr std::string_view kFolders[] = {"/tod", "/cal", "", "/col/sub", "/TOD", "/loc/"};
 constexpr std::string_view kExtensions[] = {"tod", "cal", "cag", "", "gz"};
 constexpr std::string_view kRecordExtensions[] = {"cal", "col", "cag", "cat", "loc", "tod"};
-
-void check(bool condition) {
-  if (!condition) __builtin_trap();
-}
 
 void filterAndCheck(const dbx::DBFILESListFolderResult& page, uint8_t choice) {
   const std::string_view folder = kFolders[choice % std::size(kFolders)];
@@ -81,13 +79,6 @@ void filterAndCheck(const dbx::DBFILESListFolderResult& page, uint8_t choice) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  // Every log line is formatted (the debug ones too), none is printed.
-  log::setLevel(log::Level::kVerbose);
-  log::setConsoleOutput(false);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2 || size > 256 * 1024) return -1;

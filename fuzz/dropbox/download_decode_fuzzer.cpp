@@ -21,23 +21,21 @@
 #include "dbx/http_response.h"
 #include "dbx/route_errors.h"
 #include "dropbox/payload_decoding.h"
+#include "fuzz_support.h"
 #include "platform/env.h"
-#include "platform/logger.h"
 #include "webdavconnect/payload.h"
 
 namespace {
 
+using wdc::fuzzing::check;
+
 namespace fs = std::filesystem;
 using namespace wdc;
 
-void check(bool condition) {
-  if (!condition) __builtin_trap();
-}
-
 const fs::path& scratch() {
   static const fs::path path = [] {
-    fs::path p = Env::current().temporaryDirectory() /
-                 ("wdc-fuzz-download-" + std::to_string(::getpid()));
+    fs::path p =
+        Env::current().temporaryDirectory() / ("wdc-fuzz-download-" + std::to_string(::getpid()));
     fs::create_directories(p);
     return p;
   }();
@@ -67,13 +65,6 @@ void decodeRecord(const std::string& path) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  // Every log line is formatted (the debug ones too), none is printed.
-  log::setLevel(log::Level::kVerbose);
-  log::setConsoleOutput(false);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > 256 * 1024) return -1;

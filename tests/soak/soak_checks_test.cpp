@@ -46,7 +46,7 @@ class SoakChecks : public EmulatedDropbox {
     }
   }
   std::string storedPath(const std::string& uid) {
-    const Record* record = ledger_.find(uid);
+    const std::optional<Record> record = ledger_.find(uid);
     return "/" + record->folder + "/" + recordFileName(*record, "u");
   }
 
@@ -96,7 +96,7 @@ TEST_F(SoakChecks, DeletionByAnotherDeviceReachesTheOwnerAndLeavesOnlyTheTombsto
   ASSERT_EQ(ledger_.find(uid)->owner, "dev1");
   devices_[1]->remove(uid);
   syncAll();
-  const Record* record = ledger_.find(uid);
+  const std::optional<Record> record = ledger_.find(uid);
   EXPECT_FALSE(emulator_->lookup(storedPath(uid)).has_value());
   EXPECT_TRUE(emulator_->lookup("/" + record->folder + "/" + recordFileName(*record, "d")));
   EXPECT_FALSE(devices_[0]->live().contains(uid));

@@ -165,8 +165,8 @@ void Device::learnDeleted(const Record& record) {
 void Device::applyDownload(const Record& listed,
                            const std::shared_ptr<WebDAVFileContents>& contents,
                            TurnResult& result) {
-  const Record* known = ledger_.find(listed.uid);
-  if (known == nullptr) {
+  const std::optional<Record> known = ledger_.find(listed.uid);
+  if (!known) {
     ledger_.anomaly(fmt::format("{}: downloaded {}, which no device created", id_, listed.uid));
     return;
   }

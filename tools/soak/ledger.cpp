@@ -32,10 +32,11 @@ std::vector<std::string> Ledger::anomalies() const {
   return anomalies_;
 }
 
-const Record* Ledger::find(const std::string& uid) const {
+std::optional<Record> Ledger::find(const std::string& uid) const {
   std::lock_guard lock(mutex_);
   auto found = records_.find(uid);
-  return found == records_.end() ? nullptr : &found->second;
+  if (found == records_.end()) return std::nullopt;
+  return found->second;
 }
 
 }  // namespace wdc::soak

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -25,7 +26,7 @@ class Ledger {
   [[nodiscard]] std::map<std::string, Record> records() const;  // uid -> latest owner version
   [[nodiscard]] std::set<std::string> deletedUids() const;
   [[nodiscard]] std::vector<std::string> anomalies() const;
-  [[nodiscard]] const Record* find(const std::string& uid) const;  // REQUIRES: no concurrent write
+  [[nodiscard]] std::optional<Record> find(const std::string& uid) const;
 
  private:
   mutable std::mutex mutex_;

@@ -128,7 +128,6 @@ int main(int argc, char** argv) {
   }
 
   SeedReport total;
-  uint64_t maxPeak = 0;
   for (const SeedReport& r : reports) {
     total.rounds += r.rounds;
     total.turns += r.turns;
@@ -151,7 +150,7 @@ int main(int argc, char** argv) {
     total.arrivedInMargin += r.arrivedInMargin;
     total.anomalies += r.anomalies;
     total.seconds += r.seconds;
-    maxPeak = std::max(maxPeak, r.peakDownloadsInFlight);
+    total.peakDownloadsInFlight = std::max(total.peakDownloadsInFlight, r.peakDownloadsInFlight);
   }
   if (json) {
     nlohmann::ordered_json all = nlohmann::ordered_json::array();
@@ -179,7 +178,8 @@ int main(int argc, char** argv) {
   fmt::print(
       "cooldowns noted {}: requests inside one {} (in flight when noted: {}); peak "
       "downloads in flight {}\n",
-      total.cooldownsNoted, total.cooldownViolations, total.arrivedInMargin, maxPeak);
+      total.cooldownsNoted, total.cooldownViolations, total.arrivedInMargin,
+      total.peakDownloadsInFlight);
   fmt::print("anomalies {}; {:.1f} s\n{}\n", total.anomalies, total.seconds,
              allPassed ? "PASSED" : "FAILED");
   return allPassed ? 0 : 1;
